@@ -1,0 +1,27 @@
+# Shared build rules: warnings as errors everywhere, one helper per kind of target.
+
+function(velmount_warnings target)
+    target_compile_options(${target} PRIVATE -Wall -Wextra -Werror -Wno-unknown-pragmas)
+endfunction()
+
+# A static library made of every .cpp in a folder (so adding a file needs no list edit).
+function(velmount_library name dir)
+    file(GLOB sources CONFIGURE_DEPENDS ${PROJECT_SOURCE_DIR}/${dir}/*.cpp)
+    add_library(${name} STATIC ${sources})
+    target_link_libraries(${name} PUBLIC vm_win32 ${ARGN})
+    velmount_warnings(${name})
+endfunction()
+
+# Static runtime for anything that runs on Windows: a shell extension imports only system DLLs.
+function(velmount_windows_runtime target)
+    if(WIN32)
+        target_link_options(${target} PRIVATE -static -static-libgcc -static-libstdc++)
+    endif()
+endfunction()
+
+# Sanitizers for the whole build (GoogleTest included), chosen by the host-asan preset: any report stops the run.
+set(VELMOUNT_SANITIZE "" CACHE STRING "Comma-separated -fsanitize= list for every target (empty: none)")
+if(VELMOUNT_SANITIZE)
+    add_compile_options(-fsanitize=${VELMOUNT_SANITIZE} -fno-sanitize-recover=all -fno-omit-frame-pointer)
+    add_link_options(-fsanitize=${VELMOUNT_SANITIZE} -fno-sanitize-recover=all)
+endif()

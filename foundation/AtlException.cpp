@@ -1,0 +1,3 @@
+#include "foundation/AtlException.h"
+
+void AtlThrow(HRESULT hr) { throw CAtlException(hr); }

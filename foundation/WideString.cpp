@@ -1,0 +1,447 @@
+#include "foundation/WideString.h"
+
+#include "foundation/Hresult.h"
+
+#include <atomic>
+#include <cstring>
+
+// The text lives right behind this header in one heap block. The shared empty text is a static instance
+// whose share count is never touched, so empty strings cost no allocation and no atomic operation.
+struct WideString::Data
+{
+    std::atomic<long> shares;
+    int length;
+    int capacity;
+    WCHAR* Text() noexcept { return reinterpret_cast<WCHAR*>(this + 1); }
+};
+
+namespace
+{
+// The process-wide empty text: a zeroed header plus its terminator.
+alignas(16) unsigned char g_emptyStorage[32] = {};
+
+constexpr int kMaxCapacity = 0x3FFFFFFE; // (capacity + 1) * 2 bytes must stay within a signed 32-bit size
+constexpr int kLargeCapacity = 0x40000000;
+constexpr int kLargeGrowth = 0x100000;
+} // namespace
+
+static WideString::Data* EmptyText() noexcept { return reinterpret_cast<WideString::Data*>(g_emptyStorage); }
+
+namespace
+{
+size_t DataBytes(int capacity)
+{
+    return sizeof(WideString::Data) + (static_cast<size_t>(capacity) + 1) * sizeof(WCHAR);
+}
+} // namespace
+
+namespace
+{
+WideString::Data* Allocate(int capacity)
+{
+    if (capacity < 0 || capacity > kMaxCapacity)
+        AtlThrow(E_OUTOFMEMORY);
+    void* block = HeapAlloc(GetProcessHeap(), 0, DataBytes(capacity));
+    if (!block)
+        AtlThrow(E_OUTOFMEMORY);
+    auto* data = static_cast<WideString::Data*>(block);
+    new (&data->shares) std::atomic<long>(1);
+    data->length = 0;
+    data->capacity = capacity;
+    data->Text()[0] = 0;
+    return data;
+}
+
+bool IsEmptyText(const WideString::Data* data) { return data == EmptyText(); }
+} // namespace
+
+static_assert(sizeof(WideString::Data) + sizeof(WCHAR) <= sizeof(g_emptyStorage), "empty text fits");
+
+int TextLength(LPCWSTR text)
+{
+    if (!text)
+        return 0;
+    size_t length = 0;
+    while (text[length])
+        ++length;
+    if (length > 0x7FFFFFFF)
+        AtlThrow(E_INVALIDARG);
+    return static_cast<int>(length);
+}
+
+int CompareText(LPCWSTR a, LPCWSTR b)
+{
+    if (!a || !b)
+        AtlThrow(E_FAIL);
+    while (*a && *a == *b)
+        ++a, ++b;
+    return *a == *b ? 0 : (static_cast<unsigned>(*a) < static_cast<unsigned>(*b) ? -1 : 1);
+}
+
+WideString::WideString() noexcept : m_data(EmptyText()) {}
+
+WideString::WideString(LPCWSTR text) : m_data(EmptyText()) { SetText(text, TextLength(text)); }
+
+WideString::WideString(LPCWSTR text, int length) : m_data(EmptyText()) { SetText(text, length); }
+
+WideString::WideString(const WideString& other) noexcept : m_data(other.m_data)
+{
+    if (!IsEmptyText(m_data))
+        m_data->shares.fetch_add(1, std::memory_order_relaxed);
+}
+
+WideString::WideString(WideString&& other) noexcept : m_data(other.m_data) { other.m_data = EmptyText(); }
+
+WideString::~WideString() { Release(); }
+
+void WideString::Release() noexcept
+{
+    if (!IsEmptyText(m_data) && m_data->shares.fetch_sub(1, std::memory_order_acq_rel) == 1)
+        HeapFree(GetProcessHeap(), 0, m_data);
+    m_data = EmptyText();
+}
+
+WideString& WideString::operator=(const WideString& other) noexcept
+{
+    if (m_data != other.m_data)
+    {
+        Data* shared = other.m_data;
+        if (!IsEmptyText(shared))
+            shared->shares.fetch_add(1, std::memory_order_relaxed);
+        Release();
+        m_data = shared;
+    }
+    return *this;
+}
+
+WideString& WideString::operator=(WideString&& other) noexcept
+{
+    if (this != &other)
+    {
+        Release();
+        m_data = other.m_data;
+        other.m_data = EmptyText();
+    }
+    return *this;
+}
+
+WideString& WideString::operator=(LPCWSTR text)
+{
+    SetText(text, TextLength(text));
+    return *this;
+}
+
+int WideString::GetLength() const noexcept { return m_data->length; }
+LPCWSTR WideString::GetString() const noexcept { return m_data->Text(); }
+long WideString::GetShareCount() const noexcept
+{
+    return IsEmptyText(m_data) ? 0 : m_data->shares.load(std::memory_order_relaxed);
+}
+int WideString::GetCapacity() const noexcept { return m_data->capacity; }
+void WideString::Empty() noexcept { Release(); }
+
+void WideString::SetLengthUnchecked(int length) noexcept
+{
+    m_data->length = length;
+    m_data->Text()[length] = 0;
+}
+
+WCHAR* WideString::PrepareWrite(int length)
+{
+    if (length < 0)
+        AtlThrow(E_INVALIDARG);
+    bool shared = IsEmptyText(m_data) || m_data->shares.load(std::memory_order_acquire) > 1;
+    if (!shared && length <= m_data->capacity)
+        return m_data->Text();
+
+    int capacity = length;
+    if (!shared)
+    {
+        // Grow by half (or by a fixed step for huge texts) so repeated appends stay linear.
+        int current = m_data->capacity;
+        long long grown = static_cast<long long>(current) + (current > kLargeCapacity ? kLargeGrowth : current / 2);
+        if (grown > capacity)
+            capacity = grown > kMaxCapacity ? kMaxCapacity : static_cast<int>(grown);
+    }
+    Data* fresh = Allocate(capacity);
+    int keep = m_data->length < capacity ? m_data->length : capacity;
+    std::memcpy(fresh->Text(), m_data->Text(), static_cast<size_t>(keep) * sizeof(WCHAR));
+    fresh->length = keep;
+    fresh->Text()[keep] = 0;
+    Release();
+    m_data = fresh;
+    return m_data->Text();
+}
+
+void WideString::SetText(LPCWSTR text, int length)
+{
+    if (length < 0 || (!text && length != 0))
+        AtlThrow(E_INVALIDARG);
+    if (length == 0)
+    {
+        Release();
+        return;
+    }
+    // The source may lie inside our own buffer: remember where, since PrepareWrite may move it.
+    const WCHAR* own = m_data->Text();
+    bool inside = text >= own && text <= own + m_data->length;
+    if (inside)
+    {
+        size_t offset = static_cast<size_t>(text - own);
+        bool privateBuffer = !IsEmptyText(m_data) && m_data->shares.load(std::memory_order_acquire) == 1;
+        if (privateBuffer)
+        {
+            std::memmove(m_data->Text(), m_data->Text() + offset, static_cast<size_t>(length) * sizeof(WCHAR));
+            SetLengthUnchecked(length);
+            return;
+        }
+        // Shared: keep our reference to the old text alive while copying out of it.
+        WideString keepAlive(*this);
+        Data* fresh = Allocate(length);
+        std::memcpy(fresh->Text(), keepAlive.m_data->Text() + offset, static_cast<size_t>(length) * sizeof(WCHAR));
+        Release();
+        m_data = fresh;
+        SetLengthUnchecked(length);
+        return;
+    }
+    WCHAR* buffer = PrepareWrite(length);
+    std::memcpy(buffer, text, static_cast<size_t>(length) * sizeof(WCHAR));
+    SetLengthUnchecked(length);
+}
+
+void WideString::Append(const WideString& other)
+{
+    // Appending a string to itself (or a copy of itself) reads from a share we hold for the duration.
+    WideString source(other);
+    Append(source.GetString(), source.GetLength());
+}
+
+void WideString::Append(LPCWSTR text) { Append(text, TextLength(text)); }
+
+void WideString::Append(LPCWSTR text, int length)
+{
+    if (length < 0 || (!text && length != 0))
+        AtlThrow(E_INVALIDARG);
+    if (length == 0)
+        return;
+    int current = GetLength();
+    if (static_cast<long long>(current) + length > 0x7FFFFFFF)
+        AtlThrow(E_INVALIDARG);
+    const WCHAR* own = m_data->Text();
+    if (text >= own && text <= own + current)
+    {
+        WideString copy(text, length);
+        Append(copy.GetString(), copy.GetLength());
+        return;
+    }
+    WCHAR* buffer = PrepareWrite(current + length);
+    std::memcpy(buffer + current, text, static_cast<size_t>(length) * sizeof(WCHAR));
+    SetLengthUnchecked(current + length);
+}
+
+WideString WideString::Left(int count) const
+{
+    if (count < 0)
+        count = 0;
+    if (count >= GetLength())
+        return *this;
+    return WideString(GetString(), count);
+}
+
+WideString WideString::Mid(int start) const
+{
+    if (start < 0)
+        start = 0;
+    return Mid(start, GetLength() - start);
+}
+
+WideString WideString::Mid(int start, int count) const
+{
+    if (start < 0)
+        start = 0;
+    if (count < 0)
+        count = 0;
+    if (static_cast<long long>(start) + count > 0x7FFFFFFF)
+        AtlThrow(HresultFromWin32(ERROR_ARITHMETIC_OVERFLOW));
+    int length = GetLength();
+    if (start > length)
+        return WideString();
+    if (start + count > length)
+        count = length - start;
+    if (start == 0 && count == length)
+        return *this;
+    return WideString(GetString() + start, count);
+}
+
+void WideString::MakeLower()
+{
+    int length = GetLength();
+    if (length == 0)
+        return;
+    WCHAR* buffer = PrepareWrite(length);
+    _wcslwr_s(buffer, static_cast<size_t>(length) + 1);
+}
+
+WideString WideString::Tokenize(LPCWSTR delimiters, int& position) const
+{
+    if (position < 0)
+        AtlThrow(E_INVALIDARG);
+    int length = GetLength();
+    const WCHAR* text = GetString();
+    if (position < length)
+    {
+        auto isDelimiter = [delimiters](WCHAR c) {
+            for (const WCHAR* d = delimiters; d && *d; ++d)
+                if (*d == c)
+                    return true;
+            return false;
+        };
+        int start = position;
+        while (start < length && isDelimiter(text[start]))
+            ++start;
+        if (start < length)
+        {
+            int end = start;
+            while (end < length && !isDelimiter(text[end]))
+                ++end;
+            position = end + 1;
+            return Mid(start, end - start);
+        }
+    }
+    position = -1;
+    return WideString();
+}
+
+WCHAR* WideString::GetBuffer(int minLength)
+{
+    int length = GetLength();
+    WCHAR* buffer = PrepareWrite(minLength > length ? minLength : length);
+    return buffer;
+}
+
+void WideString::ReleaseBuffer(int newLength)
+{
+    if (IsEmptyText(m_data))
+        return;
+    if (newLength < 0)
+    {
+        newLength = 0;
+        const WCHAR* text = m_data->Text();
+        while (newLength < m_data->capacity && text[newLength])
+            ++newLength;
+    }
+    if (newLength > m_data->capacity)
+        AtlThrow(E_INVALIDARG);
+    SetLengthUnchecked(newLength);
+}
+
+int WideString::Compare(LPCWSTR text) const { return CompareText(GetString(), text); }
+
+namespace
+{
+// The system formats three patterns: a folder's marker path and the pipe name (%s) and the delete
+// confirmation (%d). This formatter knows %s (wide text, "(null)" for null as the C runtime prints),
+// %d, %u, %x and %%; anything else is an error of the counting pass. `out` null means count only.
+long long FormatPass(LPCWSTR pattern, va_list arguments, WCHAR* out)
+{
+    long long written = 0;
+    auto put = [&](WCHAR c) {
+        if (out)
+            out[written] = c;
+        ++written;
+    };
+    auto putNumber = [&](unsigned long long value, unsigned base, bool negative) {
+        WCHAR digits[24];
+        int count = 0;
+        do
+        {
+            unsigned digit = static_cast<unsigned>(value % base);
+            digits[count++] = static_cast<WCHAR>(digit < 10 ? u'0' + digit : u'a' + digit - 10);
+            value /= base;
+        } while (value);
+        if (negative)
+            put(u'-');
+        while (count)
+            put(digits[--count]);
+    };
+    for (const WCHAR* p = pattern; *p; ++p)
+    {
+        if (*p != u'%')
+        {
+            put(*p);
+            continue;
+        }
+        switch (*++p)
+        {
+        case u'%':
+            put(u'%');
+            break;
+        case u's': {
+            const WCHAR* text = va_arg(arguments, const WCHAR*);
+            if (!text)
+                text = TEXT("(null)");
+            while (*text)
+                put(*text++);
+            break;
+        }
+        case u'd': {
+            int value = va_arg(arguments, int);
+            putNumber(value < 0 ? 0ull - static_cast<unsigned long long>(static_cast<long long>(value))
+                                : static_cast<unsigned long long>(value),
+                      10, value < 0);
+            break;
+        }
+        case u'u':
+            putNumber(va_arg(arguments, unsigned), 10, false);
+            break;
+        case u'x':
+            putNumber(va_arg(arguments, unsigned), 16, false);
+            break;
+        default:
+            return -1;
+        }
+        if (written > 0x7FFFFFFF)
+            return -1;
+    }
+    return written;
+}
+} // namespace
+
+void WideString::Format(LPCWSTR pattern, ...)
+{
+    va_list arguments;
+    va_start(arguments, pattern);
+    try
+    {
+        FormatV(pattern, arguments);
+    }
+    catch (...)
+    {
+        va_end(arguments);
+        throw;
+    }
+    va_end(arguments);
+}
+
+void WideString::FormatV(LPCWSTR pattern, va_list arguments)
+{
+    if (!pattern)
+        AtlThrow(E_INVALIDARG);
+    va_list counting;
+    va_copy(counting, arguments);
+    long long length = FormatPass(pattern, counting, nullptr);
+    va_end(counting);
+    if (length < 0)
+        AtlThrow(E_FAIL);
+    if (length == 0)
+    {
+        Release();
+        return;
+    }
+    // Arguments may point into this very string: write into a fresh buffer, then take it.
+    WideString result;
+    WCHAR* buffer = result.PrepareWrite(static_cast<int>(length));
+    FormatPass(pattern, arguments, buffer);
+    result.SetLengthUnchecked(static_cast<int>(length));
+    *this = static_cast<WideString&&>(result);
+}

@@ -1,0 +1,86 @@
+// Reference-counted UTF-16 text. Copies share one buffer (one atomic increment); the first write through a
+// shared copy gives the writer a private buffer, so a callee may lower-case its copy without the caller
+// seeing it. Every failure is raised as a CAtlException carrying its result code.
+#pragma once
+
+#include "foundation/AtlException.h"
+#include "platform/Win32.h"
+
+#include <cstdarg>
+
+class WideString
+{
+public:
+    WideString() noexcept;
+    WideString(LPCWSTR text); // NOLINT: implicit, as plain text converts freely in the system's code
+    WideString(LPCWSTR text, int length);
+    WideString(const WideString& other) noexcept;
+    WideString(WideString&& other) noexcept;
+    ~WideString();
+
+    WideString& operator=(const WideString& other) noexcept;
+    WideString& operator=(WideString&& other) noexcept;
+    WideString& operator=(LPCWSTR text);
+
+    // Replaces the content with `length` units of `text`; `text` may point into this string's own buffer.
+    void SetText(LPCWSTR text, int length);
+    void Append(const WideString& other);
+    void Append(LPCWSTR text, int length);
+    void Append(LPCWSTR text);
+    WideString& operator+=(const WideString& other)
+    {
+        Append(other);
+        return *this;
+    }
+    WideString& operator+=(LPCWSTR text)
+    {
+        Append(text);
+        return *this;
+    }
+
+    int GetLength() const noexcept;
+    bool IsEmpty() const noexcept { return GetLength() == 0; }
+    void Empty() noexcept;
+    LPCWSTR GetString() const noexcept;
+    operator LPCWSTR() const noexcept { return GetString(); }
+    WCHAR operator[](int index) const noexcept { return GetString()[index]; }
+
+    WideString Left(int count) const;
+    WideString Mid(int start) const;
+    WideString Mid(int start, int count) const;
+    void MakeLower();
+    WideString Tokenize(LPCWSTR delimiters, int& position) const;
+    void Format(LPCWSTR pattern, ...);
+    void FormatV(LPCWSTR pattern, va_list arguments);
+
+    // Direct writing, for readers that fill text in place (a path from the shell, a pipe's payload):
+    // GetBuffer gives a private buffer of at least `minLength` units; ReleaseBuffer sets the length
+    // (-1: up to the first U+0000).
+    WCHAR* GetBuffer(int minLength);
+    void ReleaseBuffer(int newLength = -1);
+
+    int Compare(LPCWSTR text) const;
+    friend bool operator==(const WideString& a, const WideString& b) { return a.Compare(b.GetString()) == 0; }
+    friend bool operator!=(const WideString& a, const WideString& b) { return !(a == b); }
+    friend bool operator==(const WideString& a, LPCWSTR b) { return a.Compare(b) == 0; }
+    friend bool operator!=(const WideString& a, LPCWSTR b) { return !(a == b); }
+
+    // How many strings share this text now (1 when private; the shared empty text reports 0).
+    long GetShareCount() const noexcept;
+    int GetCapacity() const noexcept;
+
+private:
+    struct Data;
+    explicit WideString(Data* data) noexcept : m_data(data) {}
+    void Release() noexcept;
+    // Makes the buffer private and able to hold `length` units; keeps the current text.
+    WCHAR* PrepareWrite(int length);
+    void SetLengthUnchecked(int length) noexcept;
+
+    Data* m_data;
+};
+
+// Length of zero-terminated text, as a signed 32-bit count (raises E_INVALIDARG past 0x7FFFFFFF).
+int TextLength(LPCWSTR text);
+// Exact unit-by-unit comparison (wcscmp); raises E_FAIL for null text.
+int CompareText(LPCWSTR a, LPCWSTR b);

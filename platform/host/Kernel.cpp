@@ -1,0 +1,407 @@
+#include "platform/host/Kernel.h"
+
+#include <atomic>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <new>
+#include <pthread.h>
+#include <string>
+#include <sys/syscall.h>
+#include <unistd.h>
+
+namespace
+{
+thread_local DWORD t_lastError = 0;
+
+std::atomic<LONG>* AsAtomic(LONG volatile* value)
+{
+    static_assert(sizeof(std::atomic<LONG>) == sizeof(LONG), "lock-free LONG");
+    return reinterpret_cast<std::atomic<LONG>*>(const_cast<LONG*>(value));
+}
+
+pthread_mutex_t* MutexOf(LPCRITICAL_SECTION section)
+{
+    static_assert(sizeof(pthread_mutex_t) <= sizeof(section->impl), "critical section storage");
+    return reinterpret_cast<pthread_mutex_t*>(section->impl);
+}
+
+// Windows-1252, the ANSI code page of an English installation, for 0x80..0x9F; the rest is Latin-1.
+const char16_t kCp1252High[32] = {0x20AC, 0x0081, 0x201A, 0x0192, 0x201E, 0x2026, 0x2020, 0x2021,
+                                  0x02C6, 0x2030, 0x0160, 0x2039, 0x0152, 0x008D, 0x017D, 0x008F,
+                                  0x0090, 0x2018, 0x2019, 0x201C, 0x201D, 0x2022, 0x2013, 0x2014,
+                                  0x02DC, 0x2122, 0x0161, 0x203A, 0x0153, 0x009D, 0x017E, 0x0178};
+
+const ULONG_PTR kPointerSecret = 0x5A3C96E1B2D4F087ull;
+} // namespace
+
+DWORD GetLastError(void) { return t_lastError; }
+void SetLastError(DWORD error) { t_lastError = error; }
+
+LONG InterlockedIncrement(LONG volatile* value) { return AsAtomic(value)->fetch_add(1) + 1; }
+LONG InterlockedDecrement(LONG volatile* value) { return AsAtomic(value)->fetch_sub(1) - 1; }
+LONG InterlockedExchange(LONG volatile* target, LONG value) { return AsAtomic(target)->exchange(value); }
+LONG InterlockedExchangeAdd(LONG volatile* target, LONG value) { return AsAtomic(target)->fetch_add(value); }
+LONG InterlockedCompareExchange(LONG volatile* target, LONG exchange, LONG comparand)
+{
+    AsAtomic(target)->compare_exchange_strong(comparand, exchange);
+    return comparand;
+}
+PVOID InterlockedCompareExchangePointer(PVOID volatile* target, PVOID exchange, PVOID comparand)
+{
+    auto* atomic = reinterpret_cast<std::atomic<PVOID>*>(const_cast<PVOID*>(target));
+    atomic->compare_exchange_strong(comparand, exchange);
+    return comparand;
+}
+PVOID InterlockedExchangePointer(PVOID volatile* target, PVOID value)
+{
+    return reinterpret_cast<std::atomic<PVOID>*>(const_cast<PVOID*>(target))->exchange(value);
+}
+
+void InitializeCriticalSection(LPCRITICAL_SECTION section) { InitializeCriticalSectionEx(section, 0, 0); }
+BOOL InitializeCriticalSectionAndSpinCount(LPCRITICAL_SECTION section, DWORD spinCount)
+{
+    return InitializeCriticalSectionEx(section, spinCount, 0);
+}
+BOOL InitializeCriticalSectionEx(LPCRITICAL_SECTION section, DWORD spinCount, DWORD)
+{
+    std::memset(section, 0, sizeof(*section));
+    section->LockCount = -1;
+    section->SpinCount = spinCount;
+    pthread_mutexattr_t attributes;
+    pthread_mutexattr_init(&attributes);
+    pthread_mutexattr_settype(&attributes, PTHREAD_MUTEX_RECURSIVE);
+    int failed = pthread_mutex_init(MutexOf(section), &attributes);
+    pthread_mutexattr_destroy(&attributes);
+    if (failed)
+    {
+        SetLastError(ERROR_NOT_ENOUGH_MEMORY);
+        return FALSE;
+    }
+    return TRUE;
+}
+void EnterCriticalSection(LPCRITICAL_SECTION section) { pthread_mutex_lock(MutexOf(section)); }
+BOOL TryEnterCriticalSection(LPCRITICAL_SECTION section)
+{
+    return pthread_mutex_trylock(MutexOf(section)) == 0 ? TRUE : FALSE;
+}
+void LeaveCriticalSection(LPCRITICAL_SECTION section) { pthread_mutex_unlock(MutexOf(section)); }
+void DeleteCriticalSection(LPCRITICAL_SECTION section) { pthread_mutex_destroy(MutexOf(section)); }
+
+PVOID EncodePointer(PVOID pointer) { return reinterpret_cast<PVOID>(reinterpret_cast<ULONG_PTR>(pointer) ^ kPointerSecret); }
+PVOID DecodePointer(PVOID pointer) { return reinterpret_cast<PVOID>(reinterpret_cast<ULONG_PTR>(pointer) ^ kPointerSecret); }
+
+DWORD GetCurrentProcessId(void) { return static_cast<DWORD>(getpid()); }
+DWORD GetCurrentThreadId(void) { return static_cast<DWORD>(syscall(SYS_gettid)); }
+HANDLE GetCurrentProcess(void) { return reinterpret_cast<HANDLE>(static_cast<LONG_PTR>(-1)); }
+
+HANDLE GetProcessHeap(void) { return reinterpret_cast<HANDLE>(static_cast<ULONG_PTR>(0x48454150)); }
+LPVOID HeapAlloc(HANDLE, DWORD flags, SIZE_T bytes)
+{
+    void* memory = (flags & HEAP_ZERO_MEMORY) ? std::calloc(1, bytes ? bytes : 1) : std::malloc(bytes ? bytes : 1);
+    if (!memory)
+        SetLastError(ERROR_NOT_ENOUGH_MEMORY);
+    return memory;
+}
+LPVOID HeapReAlloc(HANDLE, DWORD, LPVOID memory, SIZE_T bytes)
+{
+    void* grown = std::realloc(memory, bytes ? bytes : 1);
+    if (!grown)
+        SetLastError(ERROR_NOT_ENOUGH_MEMORY);
+    return grown;
+}
+BOOL HeapFree(HANDLE, DWORD, LPVOID memory)
+{
+    std::free(memory);
+    return TRUE;
+}
+SIZE_T HeapSize(HANDLE, DWORD, LPCVOID) { return static_cast<SIZE_T>(-1); }
+HLOCAL LocalAlloc(UINT flags, SIZE_T bytes) { return HeapAlloc(nullptr, (flags & LMEM_ZEROINIT) ? HEAP_ZERO_MEMORY : 0, bytes); }
+HLOCAL LocalFree(HLOCAL memory)
+{
+    std::free(memory);
+    return nullptr;
+}
+
+errno_t _wcslwr_s(WCHAR* text, size_t elements)
+{
+    if (!text)
+        return EINVAL;
+    size_t length = 0;
+    while (length < elements && text[length] != 0)
+        ++length;
+    if (length == elements)
+    {
+        if (elements)
+            text[0] = 0;
+        return EINVAL;
+    }
+    for (size_t i = 0; i < length; ++i)
+        if (text[i] >= u'A' && text[i] <= u'Z')
+            text[i] = static_cast<WCHAR>(text[i] + 32);
+    return 0;
+}
+
+int _wtoi(const WCHAR* text)
+{
+    if (!text)
+        return 0;
+    while (*text == u' ' || (*text >= u'\t' && *text <= u'\r'))
+        ++text;
+    bool negative = false;
+    if (*text == u'-' || *text == u'+')
+        negative = *text++ == u'-';
+    // Overflow wraps like the C runtime's 32-bit accumulation on Windows.
+    uint32_t value = 0;
+    for (; *text >= u'0' && *text <= u'9'; ++text)
+        value = value * 10u + static_cast<uint32_t>(*text - u'0');
+    return static_cast<int>(negative ? 0u - value : value);
+}
+
+namespace
+{
+WCHAR FoldUpper(WCHAR c)
+{
+    if (c >= u'a' && c <= u'z')
+        return static_cast<WCHAR>(c - 32);
+    if (c >= 0xE0 && c <= 0xFE && c != 0xF7)
+        return static_cast<WCHAR>(c - 32);
+    return c;
+}
+} // namespace
+
+int lstrcmpiW(LPCWSTR a, LPCWSTR b)
+{
+    if (!a || !b)
+        return a ? 1 : (b ? -1 : 0);
+    for (;; ++a, ++b)
+    {
+        WCHAR x = FoldUpper(*a), y = FoldUpper(*b);
+        if (x != y)
+            return x < y ? -1 : 1;
+        if (!x)
+            return 0;
+    }
+}
+int lstrcmpW(LPCWSTR a, LPCWSTR b)
+{
+    if (!a || !b)
+        return a ? 1 : (b ? -1 : 0);
+    for (; *a && *a == *b; ++a, ++b)
+    {
+    }
+    return *a == *b ? 0 : (*a < *b ? -1 : 1);
+}
+int lstrlenW(LPCWSTR text)
+{
+    if (!text)
+        return 0;
+    int length = 0;
+    while (text[length])
+        ++length;
+    return length;
+}
+LPWSTR CharNextW(LPCWSTR text)
+{
+    // A surrogate pair is one character; an end stays where it is.
+    if (!*text)
+        return const_cast<LPWSTR>(text);
+    if (text[0] >= 0xD800 && text[0] <= 0xDBFF && text[1] >= 0xDC00 && text[1] <= 0xDFFF)
+        return const_cast<LPWSTR>(text + 2);
+    return const_cast<LPWSTR>(text + 1);
+}
+
+namespace
+{
+// Encodes one UTF-16 text into UTF-8 as Windows does: a lone surrogate becomes U+FFFD.
+std::string ToUtf8(LPCWSTR wide, size_t count)
+{
+    std::string out;
+    out.reserve(count * 3);
+    for (size_t i = 0; i < count; ++i)
+    {
+        uint32_t c = wide[i];
+        if (c >= 0xD800 && c <= 0xDBFF && i + 1 < count && wide[i + 1] >= 0xDC00 && wide[i + 1] <= 0xDFFF)
+            c = 0x10000 + ((c - 0xD800) << 10) + (wide[++i] - 0xDC00);
+        else if (c >= 0xD800 && c <= 0xDFFF)
+            c = 0xFFFD;
+        if (c < 0x80)
+            out += static_cast<char>(c);
+        else if (c < 0x800)
+        {
+            out += static_cast<char>(0xC0 | (c >> 6));
+            out += static_cast<char>(0x80 | (c & 0x3F));
+        }
+        else if (c < 0x10000)
+        {
+            out += static_cast<char>(0xE0 | (c >> 12));
+            out += static_cast<char>(0x80 | ((c >> 6) & 0x3F));
+            out += static_cast<char>(0x80 | (c & 0x3F));
+        }
+        else
+        {
+            out += static_cast<char>(0xF0 | (c >> 18));
+            out += static_cast<char>(0x80 | ((c >> 12) & 0x3F));
+            out += static_cast<char>(0x80 | ((c >> 6) & 0x3F));
+            out += static_cast<char>(0x80 | (c & 0x3F));
+        }
+    }
+    return out;
+}
+
+// Decodes UTF-8 as Windows does: each invalid or truncated sequence becomes one U+FFFD.
+std::u16string FromUtf8(const unsigned char* bytes, size_t count, bool& invalid)
+{
+    std::u16string out;
+    out.reserve(count);
+    invalid = false;
+    size_t i = 0;
+    while (i < count)
+    {
+        unsigned char b = bytes[i];
+        uint32_t c;
+        size_t need;
+        uint32_t min;
+        if (b < 0x80)
+        {
+            out += static_cast<char16_t>(b);
+            ++i;
+            continue;
+        }
+        else if (b >= 0xC2 && b <= 0xDF)
+            c = b & 0x1F, need = 1, min = 0x80;
+        else if (b >= 0xE0 && b <= 0xEF)
+            c = b & 0x0F, need = 2, min = 0x800;
+        else if (b >= 0xF0 && b <= 0xF4)
+            c = b & 0x07, need = 3, min = 0x10000;
+        else
+        {
+            out += u'\xFFFD';
+            invalid = true;
+            ++i;
+            continue;
+        }
+        size_t j = 1;
+        for (; j <= need && i + j < count && (bytes[i + j] & 0xC0) == 0x80; ++j)
+            c = (c << 6) | (bytes[i + j] & 0x3F);
+        if (j <= need || c < min || c > 0x10FFFF || (c >= 0xD800 && c <= 0xDFFF))
+        {
+            out += u'\xFFFD';
+            invalid = true;
+            i += (j > 1 ? j : 1);
+            continue;
+        }
+        if (c >= 0x10000)
+        {
+            c -= 0x10000;
+            out += static_cast<char16_t>(0xD800 + (c >> 10));
+            out += static_cast<char16_t>(0xDC00 + (c & 0x3FF));
+        }
+        else
+            out += static_cast<char16_t>(c);
+        i += need + 1;
+    }
+    return out;
+}
+
+bool KnownCodePage(UINT codePage) { return codePage == CP_UTF8 || codePage == CP_ACP || codePage == CP_THREAD_ACP || codePage == 1252; }
+} // namespace
+
+int WideCharToMultiByte(UINT codePage, DWORD, LPCWSTR wide, int wideCount, LPSTR bytes, int byteCount, LPCSTR,
+                        LPBOOL usedDefault)
+{
+    if (!wide || wideCount == 0 || byteCount < 0 || (byteCount > 0 && !bytes) || !KnownCodePage(codePage))
+    {
+        SetLastError(ERROR_INVALID_PARAMETER);
+        return 0;
+    }
+    size_t count = wideCount < 0 ? static_cast<size_t>(lstrlenW(wide)) + 1 : static_cast<size_t>(wideCount);
+    std::string out;
+    if (codePage == CP_UTF8)
+        out = ToUtf8(wide, count);
+    else
+    {
+        if (usedDefault)
+            *usedDefault = FALSE;
+        out.reserve(count);
+        for (size_t i = 0; i < count; ++i)
+        {
+            char16_t c = wide[i];
+            char byte = '?';
+            if (c < 0x80 || (c >= 0xA0 && c <= 0xFF))
+                byte = static_cast<char>(c);
+            else
+            {
+                bool found = false;
+                for (int k = 0; k < 32 && !found; ++k)
+                    if (kCp1252High[k] == c)
+                        byte = static_cast<char>(0x80 + k), found = true;
+                if (!found && usedDefault)
+                    *usedDefault = TRUE;
+            }
+            out += byte;
+        }
+    }
+    if (out.size() > 0x7FFFFFFF)
+    {
+        SetLastError(ERROR_INVALID_PARAMETER);
+        return 0;
+    }
+    if (byteCount == 0)
+        return static_cast<int>(out.size());
+    if (out.size() > static_cast<size_t>(byteCount))
+    {
+        SetLastError(ERROR_INSUFFICIENT_BUFFER);
+        return 0;
+    }
+    std::memcpy(bytes, out.data(), out.size());
+    return static_cast<int>(out.size());
+}
+
+int MultiByteToWideChar(UINT codePage, DWORD flags, LPCSTR bytes, int byteCount, LPWSTR wide, int wideCount)
+{
+    if (!bytes || byteCount == 0 || wideCount < 0 || (wideCount > 0 && !wide) || !KnownCodePage(codePage))
+    {
+        SetLastError(ERROR_INVALID_PARAMETER);
+        return 0;
+    }
+    size_t count = byteCount < 0 ? std::strlen(bytes) + 1 : static_cast<size_t>(byteCount);
+    std::u16string out;
+    if (codePage == CP_UTF8)
+    {
+        bool invalid = false;
+        out = FromUtf8(reinterpret_cast<const unsigned char*>(bytes), count, invalid);
+        if (invalid && (flags & MB_ERR_INVALID_CHARS))
+        {
+            SetLastError(1113); // ERROR_NO_UNICODE_TRANSLATION
+            return 0;
+        }
+    }
+    else
+    {
+        out.reserve(count);
+        for (size_t i = 0; i < count; ++i)
+        {
+            unsigned char b = static_cast<unsigned char>(bytes[i]);
+            out += (b >= 0x80 && b < 0xA0) ? kCp1252High[b - 0x80] : static_cast<char16_t>(b);
+        }
+    }
+    if (wideCount == 0)
+        return static_cast<int>(out.size());
+    if (out.size() > static_cast<size_t>(wideCount))
+    {
+        SetLastError(ERROR_INSUFFICIENT_BUFFER);
+        return 0;
+    }
+    std::memcpy(wide, out.data(), out.size() * sizeof(char16_t));
+    return static_cast<int>(out.size());
+}
+
+void OutputDebugStringW(LPCWSTR text)
+{
+    static const bool enabled = std::getenv("VELMOUNT_TRACE") != nullptr;
+    if (!enabled || !text)
+        return;
+    std::string line = ToUtf8(text, static_cast<size_t>(lstrlenW(text)));
+    std::fprintf(stderr, "%s\n", line.c_str());
+}

@@ -1,0 +1,261 @@
+#include "foundation/Hresult.h"
+#include "foundation/WideString.h"
+
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <string>
+#include <thread>
+#include <vector>
+
+namespace
+{
+std::u16string Text(const WideString& s) { return std::u16string(reinterpret_cast<const char16_t*>(s.GetString()), s.GetLength()); }
+
+template <typename F> HRESULT RaisedBy(F&& f)
+{
+    try
+    {
+        f();
+    }
+    catch (const CAtlException& e)
+    {
+        return e.m_hr;
+    }
+    return S_OK;
+}
+} // namespace
+
+TEST(Hresult, Win32NumbersMapIntoFacility7)
+{
+    EXPECT_EQ(HresultFromWin32(0), S_OK);
+    EXPECT_EQ(HresultFromWin32(-5), -5);
+    EXPECT_EQ(static_cast<DWORD>(HresultFromWin32(5)), 0x80070005u);
+    EXPECT_EQ(static_cast<DWORD>(HresultFromWin32(534)), 0x80070216u);
+    EXPECT_EQ(static_cast<DWORD>(HresultFromWin32(0x12345)), 0x80072345u);
+    SetLastError(ERROR_BROKEN_PIPE);
+    EXPECT_EQ(static_cast<DWORD>(HresultFromLastError()), 0x8007006Du);
+}
+
+TEST(WideString, CopiesShareAndWritesArePrivate)
+{
+    WideString original(TEXT("C:\\Data\\File.TXT"));
+    WideString copy = original;
+    EXPECT_EQ(original.GetString(), copy.GetString()) << "a copy shares the text";
+    EXPECT_EQ(original.GetShareCount(), 2);
+
+    copy.MakeLower();
+    EXPECT_EQ(original, TEXT("C:\\Data\\File.TXT"));
+    EXPECT_EQ(copy, TEXT("c:\\data\\file.txt"));
+    EXPECT_EQ(original.GetShareCount(), 1);
+
+    WideString appended = original;
+    appended.Append(WideString(TEXT("!")));
+    EXPECT_EQ(original, TEXT("C:\\Data\\File.TXT"));
+    EXPECT_EQ(appended, TEXT("C:\\Data\\File.TXT!"));
+}
+
+TEST(WideString, EmptyStringsShareOneTextAndAllocateNothing)
+{
+    WideString a, b(TEXT("")), c(nullptr);
+    EXPECT_EQ(a.GetString(), b.GetString());
+    EXPECT_EQ(a.GetString(), c.GetString());
+    EXPECT_EQ(a.GetShareCount(), 0);
+    EXPECT_EQ(a.GetLength(), 0);
+    EXPECT_EQ(a.GetString()[0], 0);
+    WideString d(TEXT("x"));
+    d.SetText(TEXT("ignored"), 0);
+    EXPECT_EQ(d.GetString(), a.GetString()) << "a length of 0 empties, whatever the text";
+}
+
+TEST(WideString, MakeLowerChangesOnlyAsciiCapitals)
+{
+    WideString s(TEXT("ÄBC-Z@[`{Ω"));
+    s.MakeLower();
+    EXPECT_EQ(s, TEXT("Äbc-z@[`{Ω"));
+    EXPECT_EQ(s.GetLength(), 10);
+}
+
+TEST(WideString, SetTextFromItsOwnContent)
+{
+    WideString s(TEXT("0123456789"));
+    s.SetText(s.GetString() + 3, 4);
+    EXPECT_EQ(s, TEXT("3456"));
+
+    WideString shared(TEXT("abcdefgh"));
+    WideString other = shared;
+    shared.SetText(shared.GetString() + 2, 3);
+    EXPECT_EQ(shared, TEXT("cde"));
+    EXPECT_EQ(other, TEXT("abcdefgh"));
+
+    WideString whole(TEXT("same"));
+    whole.SetText(whole.GetString(), whole.GetLength());
+    EXPECT_EQ(whole, TEXT("same"));
+}
+
+TEST(WideString, AppendToItself)
+{
+    WideString s(TEXT("ab"));
+    s.Append(s);
+    EXPECT_EQ(s, TEXT("abab"));
+    s.Append(s.GetString() + 1, 2);
+    EXPECT_EQ(s, TEXT("ababba"));
+}
+
+TEST(WideString, BadArgumentsRaise)
+{
+    WideString s(TEXT("abc"));
+    EXPECT_EQ(RaisedBy([&] { s.SetText(TEXT("x"), -1); }), E_INVALIDARG);
+    EXPECT_EQ(RaisedBy([&] { s.SetText(nullptr, 2); }), E_INVALIDARG);
+    EXPECT_EQ(RaisedBy([&] { s.Format(nullptr); }), E_INVALIDARG);
+    EXPECT_EQ(RaisedBy([&] { s.Format(TEXT("%q")); }), E_FAIL);
+    EXPECT_EQ(s, TEXT("abc")) << "a failed operation leaves the text";
+    int position = -1;
+    EXPECT_EQ(RaisedBy([&] { s.Tokenize(TEXT("|"), position); }), E_INVALIDARG);
+    EXPECT_EQ(RaisedBy([&] { CompareText(nullptr, TEXT("a")); }), E_FAIL);
+}
+
+TEST(WideString, LeftAndMidBounds)
+{
+    const WideString s(TEXT("abc"));
+    struct Case
+    {
+        int start, count;
+        const char16_t* expected;
+    } cases[] = {
+        {0, 3, u"abc"}, {1, 1, u"b"}, {3, 0, u""}, {2, 5, u"c"}, {4, 1, u""}, {-2, 2, u"ab"}, {1, -4, u""},
+    };
+    for (const Case& c : cases)
+        EXPECT_EQ(Text(s.Mid(c.start, c.count)), c.expected) << c.start << "," << c.count;
+    EXPECT_EQ(Text(s.Mid(4)), u"");
+    EXPECT_EQ(Text(s.Mid(1)), u"bc");
+    EXPECT_EQ(Text(s.Mid(-7)), u"abc");
+    EXPECT_EQ(s.Mid(0).GetString(), s.GetString()) << "the whole range shares";
+
+    EXPECT_EQ(Text(s.Left(0)), u"");
+    EXPECT_EQ(Text(s.Left(-1)), u"");
+    EXPECT_EQ(Text(s.Left(2)), u"ab");
+    EXPECT_EQ(s.Left(3).GetString(), s.GetString());
+    EXPECT_EQ(s.Left(99).GetString(), s.GetString());
+}
+
+TEST(WideString, MidRangeOverflowRaisesArithmeticOverflow)
+{
+    const WideString s(TEXT("abc"));
+    EXPECT_EQ(static_cast<DWORD>(RaisedBy([&] { s.Mid(1, 0x7FFFFFFF); })), 0x80070216u);
+    EXPECT_EQ(RaisedBy([&] { s.Mid(0, 0x7FFFFFFF); }), S_OK);
+    EXPECT_EQ(static_cast<DWORD>(RaisedBy([&] { s.Mid(0x7FFFFFFF, 1); })), 0x80070216u);
+}
+
+TEST(WideString, TokenizeSkipsDelimiterRunsAndEndsWithEmpty)
+{
+    struct Case
+    {
+        const char16_t* text;
+        std::vector<std::u16string> tokens;
+    } cases[] = {
+        {u"K=abc|RM=X:\\|DA=1", {u"K=abc", u"RM=X:\\", u"DA=1"}},
+        {u"||a||b|", {u"a", u"b"}},
+        {u"|||", {}},
+        {u"", {}},
+        {u"single", {u"single"}},
+    };
+    for (const Case& c : cases)
+    {
+        WideString s(c.text);
+        int position = 0;
+        std::vector<std::u16string> tokens;
+        for (WideString token = s.Tokenize(TEXT("|"), position); !token.IsEmpty(); token = s.Tokenize(TEXT("|"), position))
+            tokens.push_back(Text(token));
+        EXPECT_EQ(tokens, c.tokens);
+        EXPECT_EQ(position, -1);
+    }
+    WideString s(TEXT("a,b;c"));
+    int position = 0;
+    EXPECT_EQ(Text(s.Tokenize(TEXT(",;"), position)), u"a");
+    EXPECT_EQ(position, 2);
+    EXPECT_EQ(Text(s.Tokenize(TEXT(",;"), position)), u"b");
+    EXPECT_EQ(Text(s.Tokenize(TEXT(",;"), position)), u"c");
+    EXPECT_EQ(position, 6);
+    EXPECT_EQ(Text(s.Tokenize(TEXT(",;"), position)), u"");
+    EXPECT_EQ(position, -1);
+}
+
+TEST(WideString, FormatsTheSystemsPatterns)
+{
+    WideString s;
+    s.Format(TEXT("%s\\.Velmount"), TEXT("x:\\photos"));
+    EXPECT_EQ(s, TEXT("x:\\photos\\.Velmount"));
+    s.Format(TEXT("\\\\.\\pipe\\QX-%s"), TEXT("VM01"));
+    EXPECT_EQ(s, TEXT("\\\\.\\pipe\\QX-VM01"));
+    s.Format(TEXT("Are you sure you want to remove these %d items?"), 2);
+    EXPECT_EQ(s, TEXT("Are you sure you want to remove these 2 items?"));
+    s.Format(TEXT("%d %d %u%%"), -2147483647 - 1, 0, 4294967295u);
+    EXPECT_EQ(s, TEXT("-2147483648 0 4294967295%"));
+    WideString self(TEXT("ab"));
+    self.Format(TEXT("%s-%s"), self.GetString(), self.GetString());
+    EXPECT_EQ(self, TEXT("ab-ab"));
+}
+
+TEST(WideString, GrowsByHalfItsCapacity)
+{
+    WideString s(TEXT("0123456789"));
+    EXPECT_EQ(s.GetCapacity(), 10);
+    s.Append(TEXT("a"));
+    EXPECT_EQ(s.GetCapacity(), 15);
+    s.Append(TEXT("0123456789012345678901234567890"));
+    EXPECT_EQ(s.GetCapacity(), 42) << "one write needing more than half gets what it needs";
+    EXPECT_EQ(s.GetLength(), 42);
+}
+
+TEST(WideString, LengthsNearTwoToThe31Fail)
+{
+    WideString s;
+    EXPECT_EQ(RaisedBy([&] { s.GetBuffer(0x7FFFFFF0); }), E_OUTOFMEMORY);
+    WideString a(TEXT("abc"));
+    EXPECT_EQ(RaisedBy([&] { a.Append(TEXT("x"), 0x7FFFFFFE); }), E_INVALIDARG) << "sum of lengths past 0x7FFFFFFF";
+    EXPECT_EQ(a, TEXT("abc"));
+}
+
+TEST(WideString, BufferWritingSetsLength)
+{
+    WideString s(TEXT("keep"));
+    WideString copy = s;
+    WCHAR* buffer = s.GetBuffer(260);
+    buffer[0] = u'C';
+    buffer[1] = u':';
+    buffer[2] = 0;
+    s.ReleaseBuffer();
+    EXPECT_EQ(s, TEXT("C:"));
+    EXPECT_EQ(copy, TEXT("keep"));
+}
+
+TEST(WideString, ComparisonIsExact)
+{
+    EXPECT_TRUE(WideString(TEXT("Key")) == TEXT("Key"));
+    EXPECT_TRUE(WideString(TEXT("Key")) != TEXT("key"));
+    EXPECT_TRUE(WideString(TEXT("Ke")) != WideString(TEXT("Key")));
+}
+
+TEST(WideString, CopiesMayBeReleasedOnOtherThreads)
+{
+    WideString shared(TEXT("a path shared by many threads"));
+    std::atomic<int> mismatches{0};
+    std::vector<std::thread> threads;
+    for (int t = 0; t < 4; ++t)
+        threads.emplace_back([shared, &mismatches] {
+            for (int i = 0; i < 2000; ++i)
+            {
+                WideString mine = shared;
+                WideString other = mine;
+                if (i % 3 == 0)
+                    other.MakeLower();
+                if (mine != TEXT("a path shared by many threads"))
+                    ++mismatches;
+            }
+        });
+    for (auto& thread : threads)
+        thread.join();
+    EXPECT_EQ(mismatches.load(), 0);
+    EXPECT_EQ(shared.GetShareCount(), 1);
+}
