@@ -69,8 +69,10 @@ public:
     long GetShareCount() const noexcept;
     int GetCapacity() const noexcept;
 
-private:
+    // The shared buffer's header; opaque outside WideString.cpp.
     struct Data;
+
+private:
     explicit WideString(Data* data) noexcept : m_data(data) {}
     void Release() noexcept;
     // Makes the buffer private and able to hold `length` units; keeps the current text.

@@ -57,7 +57,7 @@ TEST(WideString, CopiesShareAndWritesArePrivate)
 
 TEST(WideString, EmptyStringsShareOneTextAndAllocateNothing)
 {
-    WideString a, b(TEXT("")), c(nullptr);
+    WideString a, b(TEXT("")), c(static_cast<LPCWSTR>(nullptr));
     EXPECT_EQ(a.GetString(), b.GetString());
     EXPECT_EQ(a.GetString(), c.GetString());
     EXPECT_EQ(a.GetShareCount(), 0);
