@@ -37,11 +37,26 @@
 #if __has_include("platform/host/Ui.h")
 #include "platform/host/Ui.h"
 #endif
+#if __has_include("platform/host/Input.h")
+#include "platform/host/Input.h"
+#endif
+#if __has_include("platform/host/Gdi.h")
+#include "platform/host/Gdi.h"
+#endif
 #if __has_include("platform/host/Pipes.h")
 #include "platform/host/Pipes.h"
 #endif
 #if __has_include("platform/host/Threads.h")
 #include "platform/host/Threads.h"
+#endif
+#if __has_include("platform/host/ComRuntime.h")
+#include "platform/host/ComRuntime.h"
+#endif
+#if __has_include("platform/host/ShellItems.h")
+#include "platform/host/ShellItems.h"
+#endif
+#if __has_include("platform/host/MessageBox.h")
+#include "platform/host/MessageBox.h"
 #endif
 #if __has_include("platform/host/Resources.h")
 #include "platform/host/Resources.h"

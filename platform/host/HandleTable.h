@@ -20,6 +20,7 @@ public:
     virtual BOOL Read(void* buffer, DWORD size, DWORD* transferred);
     virtual BOOL Write(const void* buffer, DWORD size, DWORD* transferred);
     virtual DWORD Wait(DWORD milliseconds);
+    virtual BOOL Flush();
     // Called once, when the last handle to the object is closed.
     virtual void OnClose() {}
 };

@@ -41,6 +41,12 @@ DWORD KernelObject::Wait(DWORD)
     return WAIT_FAILED;
 }
 
+BOOL KernelObject::Flush()
+{
+    SetLastError(ERROR_INVALID_HANDLE);
+    return FALSE;
+}
+
 HANDLE AddHandle(std::shared_ptr<KernelObject> object)
 {
     Table& table = TheTable();
@@ -142,4 +148,15 @@ DWORD WaitForSingleObject(HANDLE object, DWORD milliseconds)
         return WAIT_FAILED;
     }
     return found->Wait(milliseconds);
+}
+
+BOOL FlushFileBuffers(HANDLE file)
+{
+    std::shared_ptr<KernelObject> found = FindHandle(file);
+    if (!found)
+    {
+        SetLastError(ERROR_INVALID_HANDLE);
+        return FALSE;
+    }
+    return found->Flush();
 }

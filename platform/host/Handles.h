@@ -16,3 +16,4 @@ WINBASEAPI BOOL ReadFile(HANDLE file, LPVOID buffer, DWORD bytesToRead, LPDWORD 
 WINBASEAPI BOOL WriteFile(HANDLE file, LPCVOID buffer, DWORD bytesToWrite, LPDWORD bytesWritten,
                           LPOVERLAPPED overlapped);
 WINBASEAPI DWORD WaitForSingleObject(HANDLE object, DWORD milliseconds);
+WINBASEAPI BOOL FlushFileBuffers(HANDLE file);

@@ -1,0 +1,12 @@
+// Test control of the threads area: the clock that GetTickCount64 reads, and thread creation failing.
+#pragma once
+
+#include "platform/host/Types.h"
+
+// From this call on GetTickCount64 returns `ticks` until changed again; real time no longer moves it.
+WINBASEAPI void VmHostSetTickCount(ULONGLONG ticks);
+WINBASEAPI void VmHostAdvanceTickCount(ULONGLONG milliseconds);
+// Back to the monotonic clock.
+WINBASEAPI void VmHostUseRealTickCount(void);
+// The next `count` calls of CreateThread fail with ERROR_NOT_ENOUGH_MEMORY, as when no thread can be had.
+WINBASEAPI void VmHostFailCreateThread(DWORD count);

@@ -1,0 +1,121 @@
+#include "platform/host/ShellItems.h"
+
+#include "platform/host/ControlProgress.h"
+#include "platform/host/Kernel.h"
+
+#include <atomic>
+#include <cstring>
+#include <string>
+
+namespace
+{
+std::atomic<long> g_liveItems{0};
+
+class PathItem final : public IShellItem
+{
+public:
+    explicit PathItem(std::u16string path) : m_path(std::move(path)) { ++g_liveItems; }
+    ~PathItem() { --g_liveItems; }
+
+    HRESULT STDMETHODCALLTYPE QueryInterface(REFIID iid, void** object) override
+    {
+        if (!object)
+            return E_POINTER;
+        if (iid == IID_IUnknown || iid == IID_IShellItem)
+        {
+            *object = static_cast<IShellItem*>(this);
+            AddRef();
+            return S_OK;
+        }
+        *object = nullptr;
+        return E_NOINTERFACE;
+    }
+    ULONG STDMETHODCALLTYPE AddRef() override { return ++m_references; }
+    ULONG STDMETHODCALLTYPE Release() override
+    {
+        ULONG left = --m_references;
+        if (left == 0)
+            delete this;
+        return left;
+    }
+    HRESULT STDMETHODCALLTYPE BindToHandler(void*, REFGUID, REFIID, void** object) override
+    {
+        if (object)
+            *object = nullptr;
+        return E_NOTIMPL;
+    }
+    HRESULT STDMETHODCALLTYPE GetParent(IShellItem** parent) override
+    {
+        if (parent)
+            *parent = nullptr;
+        return E_NOTIMPL;
+    }
+    HRESULT STDMETHODCALLTYPE GetDisplayName(SIGDN, LPWSTR* name) override
+    {
+        if (!name)
+            return E_POINTER;
+        size_t bytes = (m_path.size() + 1) * sizeof(WCHAR);
+        *name = static_cast<LPWSTR>(CoTaskMemAlloc(bytes));
+        if (!*name)
+            return E_OUTOFMEMORY;
+        std::memcpy(*name, m_path.c_str(), bytes);
+        return S_OK;
+    }
+    HRESULT STDMETHODCALLTYPE GetAttributes(SFGAOF, SFGAOF* attributes) override
+    {
+        if (attributes)
+            *attributes = 0;
+        return S_OK;
+    }
+    HRESULT STDMETHODCALLTYPE Compare(IShellItem* other, SICHINTF, int* order) override
+    {
+        if (!other || !order)
+            return E_INVALIDARG;
+        std::string mine = VmHost::ShellItemPath(this), theirs = VmHost::ShellItemPath(other);
+        *order = mine == theirs ? 0 : (mine < theirs ? -1 : 1);
+        return *order == 0 ? S_OK : S_FALSE;
+    }
+
+    const std::u16string m_path;
+
+private:
+    std::atomic<ULONG> m_references{1};
+};
+} // namespace
+
+HRESULT SHCreateItemFromParsingName(PCWSTR path, IBindCtx*, REFIID iid, void** item)
+{
+    if (!item)
+        return E_POINTER;
+    *item = nullptr;
+    if (!path || !*path)
+        return E_INVALIDARG;
+    for (PCWSTR c = path; *c; ++c)
+        if (*c == u'<' || *c == u'>' || *c == u'|' || *c == u'"' || *c == u'*' || *c == u'?')
+            return HRESULT_FROM_WIN32(ERROR_INVALID_NAME);
+    PathItem* made = new PathItem(path);
+    HRESULT hr = made->QueryInterface(iid, item);
+    made->Release();
+    return hr;
+}
+
+namespace VmHost
+{
+long LiveShellItems()
+{
+    return g_liveItems;
+}
+
+std::string ShellItemPath(IShellItem* item)
+{
+    auto* path = dynamic_cast<PathItem*>(item);
+    if (!path || path->m_path.empty())
+        return std::string();
+    int size = WideCharToMultiByte(CP_UTF8, 0, path->m_path.data(), static_cast<int>(path->m_path.size()),
+                                   nullptr, 0, nullptr, nullptr);
+    std::string text(static_cast<size_t>(size), '\0');
+    WideCharToMultiByte(CP_UTF8, 0, path->m_path.data(), static_cast<int>(path->m_path.size()), text.data(),
+                        size, nullptr, nullptr);
+    return text;
+}
+} // namespace VmHost
