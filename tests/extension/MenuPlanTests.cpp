@@ -1,0 +1,537 @@
+// The menu decisions without a menu: the drop table, the default-item table, the chooser outcomes, the FMI
+// text and the separator rules, all over plain records.
+#include "extension/MenuPlan.h"
+
+#include <gtest/gtest.h>
+
+#include <string>
+
+namespace
+{
+const LONG CTRL = 0x01;
+const LONG SHIFT = 0x02;
+
+enum class Shape
+{
+    Items,
+    Background,
+    Drop
+};
+
+MenuRequest Request(Shape shape)
+{
+    MenuRequest request;
+    request.indexMenu = 0;
+    request.idCmdFirst = 100;
+    request.m_itemContext = shape == Shape::Items;
+    request.m_backgroundContext = shape == Shape::Background;
+    request.m_useApi = 1;
+    request.m_sameDrive = 1;
+    request.target.key = TEXT("vm-77");
+    request.target.mountPath = TEXT("x:");
+    return request;
+}
+
+CustomMenuItem Fmi(LPCWSTR caption, LONG code)
+{
+    CustomMenuItem item;
+    item.m_text = caption;
+    item.m_operation = code;
+    return item;
+}
+
+std::string Narrow(const WideString& text)
+{
+    std::string out;
+    for (int i = 0; i < text.GetLength(); ++i)
+        out += static_cast<char>(text[i]);
+    return out;
+}
+
+// The plan as lines: "position id caption" for items, "position (id) -" for separators.
+std::vector<std::string> Steps(const MenuPlan& plan)
+{
+    std::vector<std::string> lines;
+    for (const MenuStep& step : plan.steps)
+    {
+        if (step.kind == MenuStepKind::Separator)
+            lines.push_back(std::to_string(step.position) + " (" + std::to_string(step.commandId) + ") -");
+        else
+            lines.push_back(std::to_string(step.position) + " " + std::to_string(step.commandId) + " " +
+                            Narrow(step.caption));
+    }
+    return lines;
+}
+
+std::vector<std::string> Records(const MenuPlan& plan)
+{
+    std::vector<std::string> lines;
+    for (const MenuCommandEntry& entry : plan.commands)
+        lines.push_back(std::to_string(entry.m_position) + ", " + std::to_string(entry.m_operation) + ", " +
+                        Narrow(entry.m_key));
+    return lines;
+}
+
+// ---------------------------------------------------------------------------------------------------------
+// The drop table: every row, with each key state that the row's Keys column admits.
+
+enum class Keys
+{
+    Any,
+    Ctrl,
+    NoCtrl,
+    Shift,
+    NoShift,
+    CtrlNoShift,
+    Neither
+};
+
+bool Admits(Keys keys, LONG state)
+{
+    const bool ctrl = state & CTRL, shift = state & SHIFT;
+    switch (keys)
+    {
+    case Keys::Any:
+        return true;
+    case Keys::Ctrl:
+        return ctrl;
+    case Keys::NoCtrl:
+        return !ctrl;
+    case Keys::Shift:
+        return shift;
+    case Keys::NoShift:
+        return !shift;
+    case Keys::CtrlNoShift:
+        return ctrl && !shift;
+    case Keys::Neither:
+        return !ctrl && !shift;
+    }
+    return false;
+}
+
+struct DropRow
+{
+    LONG dropEffect;
+    std::vector<LONG> masks;
+    std::vector<LONG> shellDefaults;
+    Keys keys;
+    LONG defaultChoice;
+    LONG mayPrompt;
+    bool proceed;
+};
+
+const std::vector<LONG> ANY_DEFAULT = {0, 1, 2};
+
+const DropRow DROP_TABLE[] = {
+    {0, {0}, {0}, Keys::Any, 0, 1, false},
+    {0, {1}, {1}, Keys::Any, 1, 0, true},
+    {0, {1}, {0}, Keys::Ctrl, 1, 0, true},
+    {0, {1}, {0}, Keys::NoCtrl, 0, 0, false},
+    {0, {2}, {2}, Keys::Any, 2, 0, true},
+    {0, {2}, {0}, Keys::Shift, 2, 0, true},
+    {0, {2}, {0}, Keys::NoShift, 0, 0, false},
+    {0, {3}, {2}, Keys::Any, 2, 0, true},
+    {0, {3}, {1}, Keys::Shift, 2, 0, true},
+    {0, {3}, {1}, Keys::NoShift, 1, 0, true},
+    {0, {3}, {0}, Keys::Shift, 2, 0, true},
+    {0, {3}, {0}, Keys::CtrlNoShift, 1, 0, true},
+    {0, {3}, {0}, Keys::Neither, 0, 0, false},
+    {1, {1}, ANY_DEFAULT, Keys::Any, 1, 1, true},
+    {1, {0, 2, 3}, ANY_DEFAULT, Keys::Any, 0, 1, false},
+    {2, {2}, ANY_DEFAULT, Keys::Any, 2, 1, true},
+    {2, {0, 1, 3}, ANY_DEFAULT, Keys::Any, 0, 1, false},
+    {4, {0, 1, 2, 3}, ANY_DEFAULT, Keys::Any, 0, 1, false},
+};
+
+TEST(DecideDefaultChoice, DropTable)
+{
+    int checked = 0;
+    for (const DropRow& row : DROP_TABLE)
+        for (LONG mask : row.masks)
+            for (LONG shellDefault : row.shellDefaults)
+                for (LONG keys : {LONG(0), CTRL, SHIFT, LONG(CTRL | SHIFT)})
+                {
+                    if (!Admits(row.keys, keys))
+                        continue;
+                    MenuRequest request = Request(Shape::Drop);
+                    request.m_dropEffect = row.dropEffect;
+                    request.m_shellItemMask = mask;
+                    request.m_shellDefaultItem = shellDefault;
+                    request.m_keyState = keys | 0x3C; // the other modifier bits never count
+                    DefaultChoice decision = DecideDefaultChoice(request);
+                    SCOPED_TRACE("effect " + std::to_string(row.dropEffect) + " mask " +
+                                 std::to_string(mask) + " default " + std::to_string(shellDefault) +
+                                 " keys " + std::to_string(keys));
+                    EXPECT_EQ(decision.defaultChoice, row.defaultChoice);
+                    EXPECT_EQ(decision.mayPrompt, row.mayPrompt);
+                    EXPECT_EQ(decision.proceed, row.proceed);
+                    ++checked;
+                }
+    EXPECT_GT(checked, 60);
+}
+
+TEST(DecideDefaultChoice, ItemsAndBackgroundAlwaysGoOnButKeepTheChoice)
+{
+    for (Shape shape : {Shape::Items, Shape::Background})
+    {
+        MenuRequest request = Request(shape);
+        request.m_shellItemMask = 3;
+        DefaultChoice decision = DecideDefaultChoice(request);
+        EXPECT_TRUE(decision.proceed);
+        EXPECT_EQ(decision.defaultChoice, 0);
+        EXPECT_EQ(decision.mayPrompt, 0);
+
+        request.m_keyState = CTRL | SHIFT; // both held: the move wins
+        EXPECT_EQ(DecideDefaultChoice(request).defaultChoice, 2);
+    }
+}
+
+TEST(DecideDefaultChoice, UnknownDropEffectsDecideNothing)
+{
+    for (LONG effect : {3, 5, 8, -1})
+    {
+        MenuRequest request = Request(Shape::Drop);
+        request.m_dropEffect = effect;
+        request.m_shellItemMask = 1;
+        request.m_shellDefaultItem = 1;
+        DefaultChoice decision = DecideDefaultChoice(request);
+        EXPECT_FALSE(decision.proceed) << effect;
+        EXPECT_EQ(decision.defaultChoice, 0);
+        EXPECT_EQ(decision.mayPrompt, 1);
+    }
+}
+
+// ---------------------------------------------------------------------------------------------------------
+// The default item: who may ask, and which Quick item becomes the default.
+
+struct DefaultRow
+{
+    LONG mayPrompt;
+    LONG defaultAction;
+    Shape shape;
+    LONG defaultChoice;
+    enum
+    {
+        None,
+        Chooser,
+        Quick
+    } outcome;
+};
+
+TEST(BuildMenuPlan, DefaultItemTable)
+{
+    const DefaultRow rows[] = {
+        {0, 1, Shape::Drop, 1, DefaultRow::None},       {1, 1, Shape::Drop, 2, DefaultRow::None},
+        {1, 1, Shape::Items, 1, DefaultRow::None},      {0, 0, Shape::Drop, 1, DefaultRow::None},
+        {0, 0, Shape::Items, 2, DefaultRow::None},      {1, 0, Shape::Items, 1, DefaultRow::None},
+        {1, 0, Shape::Background, 2, DefaultRow::None}, {1, 0, Shape::Drop, 1, DefaultRow::Chooser},
+        {1, 0, Shape::Drop, 2, DefaultRow::Chooser},    {1, 0, Shape::Drop, 0, DefaultRow::None},
+        {0, 2, Shape::Drop, 1, DefaultRow::Quick},      {1, 2, Shape::Drop, 2, DefaultRow::Quick},
+        {0, -1, Shape::Items, 1, DefaultRow::Quick},    {0, 7, Shape::Background, 2, DefaultRow::Quick},
+        {1, 2, Shape::Drop, 0, DefaultRow::None},       {0, -5, Shape::Items, 0, DefaultRow::None},
+    };
+    for (const DefaultRow& row : rows)
+    {
+        MenuRequest request = Request(row.shape);
+        request.m_shellItemMask = 3;
+        request.target.ci = request.target.mi = 1;
+        request.target.defaultAction = row.defaultAction;
+        MenuPlan plan = BuildMenuPlan(request, row.defaultChoice, row.mayPrompt);
+        SCOPED_TRACE("mayPrompt " + std::to_string(row.mayPrompt) + " DA " +
+                     std::to_string(row.defaultAction) + " shape " +
+                     std::to_string(static_cast<int>(row.shape)) + " choice " +
+                     std::to_string(row.defaultChoice));
+        // Separator 100, Quick Copy 101, Quick Move 102, separator 103.
+        std::optional<UINT> quick;
+        if (row.defaultChoice == 1)
+            quick = 101u;
+        if (row.defaultChoice == 2)
+            quick = 102u;
+        EXPECT_EQ(plan.quickItem, quick);
+        EXPECT_EQ(plan.chooserOperation, row.outcome == DefaultRow::Chooser ? UINT(row.defaultChoice) : 0u);
+        EXPECT_EQ(plan.defaultItem, row.outcome == DefaultRow::Quick ? quick : std::nullopt);
+    }
+}
+
+TEST(BuildMenuPlan, QuickItemAbsentFromTheMenuIsNeverTheDefault)
+{
+    // Items context on a drive without ci, cu or mi: a Quick item was chosen but stands nowhere.
+    MenuRequest request = Request(Shape::Items);
+    request.m_shellItemMask = 3;
+    request.target.defaultAction = 2;
+    request.target.di = 1;
+    MenuPlan plan = BuildMenuPlan(request, 1, 0);
+    EXPECT_FALSE(plan.quickItem);
+    EXPECT_FALSE(plan.defaultItem);
+    EXPECT_EQ(Steps(plan),
+              (std::vector<std::string>{"0 (100) -", "1 101 Velmount Quick Delete", "2 (102) -"}));
+}
+
+TEST(BuildMenuPlan, MoveAcrossDrivesNeverAsksNorDefaults)
+{
+    MenuRequest request = Request(Shape::Drop);
+    request.m_dropEffect = 2;
+    request.m_shellItemMask = 2;
+    request.m_sameDrive = 0;
+    request.target.mi = 1;
+    request.target.defaultAction = 0;
+    MenuPlan plan = BuildMenuPlan(request, 2, 1);
+    EXPECT_EQ(Steps(plan), (std::vector<std::string>{"0 (100) -"}));
+    EXPECT_EQ(plan.chooserOperation, 0u);
+    EXPECT_EQ(plan.result, 1u);
+
+    request.target.defaultAction = 2; // dropped Quick Move: the move choice is gone, nothing becomes default
+    plan = BuildMenuPlan(request, 2, 1);
+    EXPECT_FALSE(plan.defaultItem);
+    EXPECT_FALSE(plan.quickMoveOffset);
+}
+
+TEST(BuildMenuPlan, MoveWithoutMiStillAsks)
+{
+    MenuRequest request = Request(Shape::Drop);
+    request.m_dropEffect = 2;
+    request.m_shellItemMask = 2;
+    request.m_sameDrive = 0;
+    MenuPlan plan = BuildMenuPlan(request, 2, 1);
+    EXPECT_EQ(plan.chooserOperation, 2u);
+    EXPECT_FALSE(plan.quickItem);
+    EXPECT_EQ(plan.result, 1u);
+}
+
+// ---------------------------------------------------------------------------------------------------------
+// The chooser's outcomes.
+
+TEST(ResolveChooser, OutcomeTable)
+{
+    MenuPlan plan;
+    plan.quickItem = 101u;
+    struct
+    {
+        LONG dialogResult;
+        UINT choice;
+        std::optional<UINT> defaultItem;
+        LONG cancelled;
+    } rows[] = {
+        {1, 1, 101u, 0},                          // "Use Velmount API"
+        {1, 2, std::nullopt, 0},                  // "Use Default Explorer"
+        {2, 0, 101u, 1},                          // "Cancel", Esc, the close box
+        {-1, 0, 101u, 1},                         // could not be shown
+        {0, 0, 101u, 1},         {1, 0, 101u, 1}, // ended without a choice: no service was chosen
+    };
+    for (const auto& row : rows)
+    {
+        ChooserResolution resolution = ResolveChooser(plan, ChooserOutcome{row.dialogResult, row.choice});
+        EXPECT_EQ(resolution.defaultItem, row.defaultItem) << row.dialogResult << "/" << row.choice;
+        EXPECT_EQ(resolution.chooserCancelled, row.cancelled) << row.dialogResult << "/" << row.choice;
+    }
+
+    MenuPlan withoutQuickItem; // "Move Files" with no Quick Move in the menu: no answer changes the default
+    for (LONG result : {1, 2, -1})
+        EXPECT_FALSE(ResolveChooser(withoutQuickItem, ChooserOutcome{result, 1}).defaultItem);
+}
+
+// ---------------------------------------------------------------------------------------------------------
+// FMI text.
+
+struct ParsedItem
+{
+    std::string caption;
+    LONG code;
+    bool operator==(const ParsedItem& other) const { return caption == other.caption && code == other.code; }
+};
+
+std::vector<ParsedItem> Parse(LPCWSTR text, int* count = nullptr)
+{
+    NodeList<CustomMenuItem*> items;
+    int returned = ParseCustomMenuItems(WideString(text), items);
+    if (count)
+        *count = returned;
+    std::vector<ParsedItem> out;
+    for (POSITION p = items.GetHeadPosition(); p;)
+    {
+        CustomMenuItem* item = items.GetNext(p);
+        out.push_back(ParsedItem{Narrow(item->m_text), item->m_operation});
+        delete item;
+    }
+    return out;
+}
+
+TEST(ParseCustomMenuItems, Lines)
+{
+    EXPECT_EQ(Parse(TEXT("Share link=51\nVersions=60")),
+              (std::vector<ParsedItem>{{"Share link", 51}, {"Versions", 60}}));
+    EXPECT_EQ(Parse(TEXT("=5\nCaption\nCaption=\nCaption=abc\nCaption=0\nOk=1")),
+              (std::vector<ParsedItem>{{"Ok", 1}}));
+    EXPECT_EQ(Parse(TEXT("A=7=9")), (std::vector<ParsedItem>{{"A", 7}}));
+    EXPECT_EQ(Parse(TEXT("Minus=-3")), (std::vector<ParsedItem>{{"Minus", -3}}));
+    EXPECT_EQ(Parse(TEXT("\n\nA=1\n\n\nB=2\n")), (std::vector<ParsedItem>{{"A", 1}, {"B", 2}}));
+    EXPECT_EQ(Parse(TEXT("Spaced=  42x")), (std::vector<ParsedItem>{{"Spaced", 42}}));
+    // A carriage return is no separator: it stays in the caption, or ends the number.
+    EXPECT_EQ(Parse(TEXT("A\r=5\r\nB=6\r")), (std::vector<ParsedItem>{{"A\r", 5}, {"B", 6}}));
+    EXPECT_TRUE(Parse(TEXT("")).empty());
+    EXPECT_TRUE(Parse(TEXT("\n\n")).empty());
+}
+
+TEST(ParseCustomMenuItems, ReturnsTheWholeListLength)
+{
+    NodeList<CustomMenuItem*> items;
+    EXPECT_EQ(ParseCustomMenuItems(WideString(TEXT("A=1\nB=2")), items), 2);
+    EXPECT_EQ(ParseCustomMenuItems(WideString(TEXT("bad\nC=3")), items), 3);
+    for (POSITION p = items.GetHeadPosition(); p;)
+        delete items.GetNext(p);
+}
+
+TEST(AddMenuCommand, KeepsItsOwnCopyOfTheKey)
+{
+    NodeList<MenuCommandEntry*> commands;
+    WideString key(TEXT("vm-77"));
+    AddMenuCommand(commands, 3, OP_QUICK_DELETE, key);
+    key.MakeLower();
+    key.SetText(TEXT("other"), 5);
+    MenuCommandEntry* entry = commands.GetHead();
+    EXPECT_EQ(entry->m_position, 3u);
+    EXPECT_EQ(entry->m_operation, OP_QUICK_DELETE);
+    EXPECT_TRUE(entry->m_key == TEXT("vm-77"));
+    delete entry;
+}
+
+// ---------------------------------------------------------------------------------------------------------
+// Separators and the caption scan.
+
+TEST(BuildMenuPlan, NothingToAddStillGetsOneSeparator)
+{
+    MenuRequest request = Request(Shape::Background);
+    request.indexMenu = 3;
+    request.idCmdFirst = 300;
+    MenuPlan plan = BuildMenuPlan(request, 0, 1);
+    EXPECT_EQ(Steps(plan), (std::vector<std::string>{"3 (300) -"}));
+    EXPECT_TRUE(plan.commands.empty());
+    EXPECT_EQ(plan.result, 1u);
+}
+
+TEST(BuildMenuPlan, AllFmiItemsMatchedLeaveOnlyTheClosingSeparator)
+{
+    MenuRequest request = Request(Shape::Background);
+    request.indexMenu = 2;
+    request.idCmdFirst = 300;
+    request.existingItems = {{0, 40, TEXT("Open")}, {1, 41, TEXT("New share")}};
+    request.customItems = {Fmi(TEXT("New share"), 51)};
+    request.customCount = 1;
+    MenuPlan plan = BuildMenuPlan(request, 0, 1);
+    EXPECT_EQ(Steps(plan), (std::vector<std::string>{"2 (300) -"}));
+    EXPECT_EQ(Records(plan), (std::vector<std::string>{std::to_string(FOREIGN_MENU_ENTRY) + ", 51, vm-77"}));
+    EXPECT_EQ(plan.result, 1u);
+}
+
+TEST(BuildMenuPlan, TwoLinesWithOneCaptionInsertOneItem)
+{
+    MenuRequest request = Request(Shape::Background);
+    request.indexMenu = 1;
+    request.idCmdFirst = 10;
+    request.existingItems = {{0, 7, TEXT("Open")}};
+    request.customItems = {Fmi(TEXT("Sync"), 60), Fmi(TEXT("Sync"), 61), Fmi(TEXT("Other"), 62)};
+    request.customCount = 3;
+    MenuPlan plan = BuildMenuPlan(request, 0, 1);
+    EXPECT_EQ(Steps(plan), (std::vector<std::string>{"1 (10) -", "2 11 Sync", "3 12 Other", "4 (13) -"}));
+    // The second line matches the item the first inserted and is recorded under that item's offset; the
+    // first record, which InvokeCommand finds first, keeps the first line's code.
+    EXPECT_EQ(Records(plan), (std::vector<std::string>{"1, 60, vm-77", "1, 61, vm-77", "2, 62, vm-77"}));
+    EXPECT_EQ(plan.result, 4u);
+}
+
+TEST(BuildMenuPlan, EveryMatchingEntryGetsARecord)
+{
+    MenuRequest request = Request(Shape::Background);
+    request.indexMenu = 4;
+    request.idCmdFirst = 10;
+    // Position 1 is not listed (the menu refused it); a separator has an empty caption.
+    request.existingItems = {{0, 5, TEXT("Sync")}, {2, 0, TEXT("")}, {3, 9, TEXT("Sync")}};
+    request.customItems = {Fmi(TEXT("Sync"), 60), Fmi(TEXT("sync"), 61)};
+    request.customCount = 2;
+    MenuPlan plan = BuildMenuPlan(request, 0, 1);
+    const std::string foreign = std::to_string(FOREIGN_MENU_ENTRY);
+    EXPECT_EQ(Records(plan),
+              (std::vector<std::string>{foreign + ", 60, vm-77", foreign + ", 60, vm-77", "0, 61, vm-77"}));
+    // The match opened the group: "sync" (another case) goes in without a separator before it.
+    EXPECT_EQ(Steps(plan), (std::vector<std::string>{"4 10 sync", "5 (11) -"}));
+}
+
+TEST(BuildMenuPlan, IndexMenuZeroLeavesNothingToScan)
+{
+    MenuRequest request = Request(Shape::Background);
+    request.indexMenu = 0;
+    request.existingItems = {{0, 5, TEXT("Sync")}}; // lies behind the insertion point
+    request.customItems = {Fmi(TEXT("Sync"), 60)};
+    request.customCount = 1;
+    MenuPlan plan = BuildMenuPlan(request, 0, 1);
+    EXPECT_EQ(Steps(plan), (std::vector<std::string>{"0 (100) -", "1 101 Sync", "2 (102) -"}));
+    EXPECT_EQ(Records(plan), (std::vector<std::string>{"1, 60, vm-77"}));
+}
+
+TEST(BuildMenuPlan, CaptionsCompareAsTheMenuShowsThem)
+{
+    // The menu gives at most 259 units of a caption: two equal long captions never match, one cut to 259
+    // units in the menu matches a line of exactly those units.
+    std::u16string longCaption(300, u'x');
+    MenuRequest request = Request(Shape::Background);
+    request.indexMenu = 1;
+    request.existingItems = {{0, 5, WideString(std::u16string(259, u'y').c_str())}};
+    request.customItems = {Fmi(longCaption.c_str(), 60), Fmi(longCaption.c_str(), 61),
+                           Fmi(std::u16string(259, u'y').c_str(), 62)};
+    request.customCount = 3;
+    MenuPlan plan = BuildMenuPlan(request, 0, 1);
+    ASSERT_EQ(plan.steps.size(), 4u); // separator, both long items, closing separator
+    EXPECT_EQ(plan.steps[1].kind, MenuStepKind::Item);
+    EXPECT_EQ(plan.steps[2].kind, MenuStepKind::Item);
+    EXPECT_EQ(Records(plan), (std::vector<std::string>{"1, 60, vm-77", "2, 61, vm-77",
+                                                       std::to_string(FOREIGN_MENU_ENTRY) + ", 62, vm-77"}));
+}
+
+TEST(BuildMenuPlan, QuickItemsFollowTheFmiGroupBehindAMiddleSeparator)
+{
+    MenuRequest request = Request(Shape::Items);
+    request.indexMenu = 2;
+    request.idCmdFirst = 50;
+    request.m_shellItemMask = 3;
+    request.target.cu = request.target.mi = request.target.di = 1;
+    request.customItems = {Fmi(TEXT("Share link"), 51)};
+    request.customCount = 1;
+    MenuPlan plan = BuildMenuPlan(request, 0, 0);
+    EXPECT_EQ(Steps(plan), (std::vector<std::string>{"2 (50) -", "3 51 Share link", "4 (52) -",
+                                                     "5 53 Velmount Quick Copy", "6 54 Velmount Quick Move",
+                                                     "7 55 Velmount Quick Delete", "8 (56) -"}));
+    EXPECT_EQ(Records(plan),
+              (std::vector<std::string>{"1, 51, vm-77", "3, 12, vm-77", "4, 13, vm-77", "5, 14, vm-77"}));
+    EXPECT_EQ(plan.quickCopyOffset, 3);
+    EXPECT_EQ(plan.quickMoveOffset, 4);
+    EXPECT_EQ(plan.quickDeleteOffset, 5);
+    EXPECT_EQ(plan.result, 7u);
+}
+
+TEST(BuildMenuPlan, QuickDeleteConditions)
+{
+    struct
+    {
+        Shape shape;
+        LONG di, useApi, root;
+        LPCWSTR mountPath;
+        bool added;
+    } rows[] = {
+        {Shape::Items, 1, 1, 0, TEXT("x:"), true},  {Shape::Items, 0, 1, 0, TEXT("x:"), false},
+        {Shape::Items, 1, 0, 0, TEXT("x:"), false}, {Shape::Items, 1, 1, 1, TEXT("x:"), false},
+        {Shape::Items, 1, 1, 0, TEXT(""), false},   {Shape::Background, 1, 1, 0, TEXT("x:"), false},
+        {Shape::Drop, 1, 1, 0, TEXT("x:"), false},
+    };
+    for (const auto& row : rows)
+    {
+        MenuRequest request = Request(row.shape);
+        request.target.di = row.di;
+        request.m_useApi = row.useApi;
+        request.isRootFolder = row.root;
+        request.target.mountPath = row.mountPath;
+        MenuPlan plan = BuildMenuPlan(request, 0, 1);
+        EXPECT_EQ(plan.quickDeleteOffset.has_value(), row.added);
+        EXPECT_EQ(plan.result, row.added ? 3u : 1u);
+    }
+}
+} // namespace
