@@ -1,5 +1,6 @@
 #include "platform/host/Pipes.h"
 
+#include "platform/host/Files.h" // GENERIC_READ, GENERIC_WRITE
 #include "platform/host/HandleTable.h"
 #include "platform/host/Kernel.h"
 
