@@ -20,18 +20,19 @@ struct DialogAction
     };
     Kind kind;
     int id;
+    WORD notification; // the high half of WM_COMMAND's wParam
 };
 inline DialogAction Click(int id)
 {
-    return DialogAction{DialogAction::ClickButton, id};
+    return DialogAction{DialogAction::ClickButton, id, BN_CLICKED};
 }
 inline DialogAction Escape()
 {
-    return DialogAction{DialogAction::PressEscape, IDCANCEL};
+    return DialogAction{DialogAction::PressEscape, IDCANCEL, 0};
 }
-inline DialogAction Command(int id)
+inline DialogAction Command(int id, WORD notification = 0)
 {
-    return DialogAction{DialogAction::SendCommand, id};
+    return DialogAction{DialogAction::SendCommand, id, notification};
 }
 
 // The answer to the next DialogBoxParamW call. Scripts are used in the order given. A dialog without a

@@ -965,7 +965,7 @@ INT_PTR DialogBoxParamW(HINSTANCE instance, LPCWSTR templateName, HWND parent, D
         if (FindWindowRecord(state, hwnd)->ended)
             break;
         ++shown.actionsPlayed;
-        WPARAM wParam = MAKEWPARAM(action.id, BN_CLICKED);
+        WPARAM wParam = MAKEWPARAM(action.id, action.notification);
         LPARAM lParam = 0;
         if (action.kind == VmHost::DialogAction::ClickButton)
         {
