@@ -1,0 +1,6 @@
+#include "extension/OperationJob.h"
+
+void DestroyOperationJob(OperationJob* job) noexcept
+{
+    delete job;
+}

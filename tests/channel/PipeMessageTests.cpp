@@ -1,0 +1,289 @@
+#include "channel/PipeMessage.h"
+
+#include "tests/support/ProgressRecorder.h"
+
+#include <gtest/gtest.h>
+
+#include <memory>
+#include <string>
+#include <vector>
+
+using TestSupport::Narrow;
+
+namespace
+{
+typedef std::vector<BYTE> Bytes;
+
+Bytes Hex(const char* text)
+{
+    Bytes bytes;
+    for (const char* c = text; *c;)
+    {
+        if (*c == ' ')
+        {
+            ++c;
+            continue;
+        }
+        bytes.push_back(static_cast<BYTE>(std::stoi(std::string(c, 2), nullptr, 16)));
+        c += 2;
+    }
+    return bytes;
+}
+
+Bytes Encode(const PipeMessage& message, DWORD capacity = PIPE_MESSAGE_LIMIT)
+{
+    Bytes buffer(capacity);
+    DWORD size = EncodeMessage(message, buffer.data(), capacity);
+    buffer.resize(size);
+    return buffer;
+}
+
+std::unique_ptr<PipeMessage> Decode(const Bytes& bytes)
+{
+    return std::unique_ptr<PipeMessage>(DecodeMessage(bytes.data(), static_cast<DWORD>(bytes.size())));
+}
+
+const char* const REQUEST_91 = "0C000000 00000000 00000000"
+                               "13 443A5C612E7478740A 443A5CC3A92E7478740A"
+                               "05 453A5C696E"
+                               "03 653A0A"
+                               "00"
+                               "0100000000000000 2B1A000000000000"
+                               "0000000000000000 0000000000000000 0000000000000000 0000000000000000";
+
+const char* const REPORT_81 = "15000000 03000000 00000000"
+                              "0B 453A5C696E5C612E747874"
+                              "06 463A5C6F7574"
+                              "00 00"
+                              "0100000000000000 0010000000000000 0200000000000000 0020000000000000"
+                              "0000000000000000 0000000000000000";
+
+PipeMessage Report21()
+{
+    PipeMessage report;
+    report.m_kind = 21;
+    report.m_phase = MSG_PHASE_PROGRESS;
+    report.m_source = TEXT("E:\\in\\a.txt");
+    report.m_target = TEXT("F:\\out");
+    report.m_values[0] = 1;
+    report.m_values[1] = 4096;
+    report.m_values[2] = 2;
+    report.m_values[3] = 8192;
+    return report;
+}
+} // namespace
+
+TEST(PipeMessage, RequestOfTwoFilesIsTheNinetyOneBytes)
+{
+    PipeMessage request;
+    request.m_kind = 12;
+    request.m_source = TEXT("D:\\a.txt\nD:\\\x00E9.txt\n");
+    request.m_target = TEXT("E:\\in");
+    request.m_drives = TEXT("e:\n");
+    request.m_values[0] = 1;
+    request.m_values[1] = 6699;
+    Bytes expected = Hex(REQUEST_91);
+    ASSERT_EQ(91u, expected.size());
+    EXPECT_EQ(expected, Encode(request));
+
+    std::unique_ptr<PipeMessage> decoded = Decode(expected);
+    ASSERT_TRUE(decoded);
+    EXPECT_EQ(12u, decoded->m_kind);
+    EXPECT_EQ(0u, decoded->m_phase);
+    EXPECT_TRUE(decoded->m_source == request.m_source);
+    EXPECT_TRUE(decoded->m_target == request.m_target);
+    EXPECT_TRUE(decoded->m_drives == request.m_drives);
+    EXPECT_TRUE(decoded->m_spare.IsEmpty());
+    EXPECT_EQ(1u, decoded->m_values[0]);
+    EXPECT_EQ(6699u, decoded->m_values[1]);
+}
+
+TEST(PipeMessage, PhaseThreeReportIsTheEightyOneBytes)
+{
+    Bytes expected = Hex(REPORT_81);
+    ASSERT_EQ(81u, expected.size());
+    EXPECT_EQ(expected, Encode(Report21()));
+    std::unique_ptr<PipeMessage> decoded = Decode(expected);
+    ASSERT_TRUE(decoded);
+    EXPECT_EQ(21u, decoded->m_kind);
+    EXPECT_EQ(3u, decoded->m_phase);
+    EXPECT_EQ("E:\\in\\a.txt", Narrow(decoded->m_source));
+    EXPECT_EQ("F:\\out", Narrow(decoded->m_target));
+    const ULONGLONG values[6] = {1, 4096, 2, 8192, 0, 0};
+    for (int i = 0; i < 6; ++i)
+        EXPECT_EQ(values[i], decoded->m_values[i]) << "value " << i;
+}
+
+TEST(PipeMessage, CancelIsKind81AndSixtyZeroBytes)
+{
+    PipeMessage cancel;
+    cancel.m_kind = MSG_KIND_CANCEL;
+    Bytes expected(64, 0);
+    expected[0] = 0x51;
+    EXPECT_EQ(expected, Encode(cancel));
+    std::unique_ptr<PipeMessage> decoded = Decode(expected);
+    ASSERT_TRUE(decoded);
+    EXPECT_EQ(81u, decoded->m_kind);
+}
+
+TEST(PipeMessage, StringLengthsAreVariableLengthByteCounts)
+{
+    struct Case
+    {
+        size_t units;
+        WCHAR unit;
+        const char* lengthBytes;
+    } cases[] = {
+        {0, u'a', "00"},     {127, u'a', "7F"},       {128, u'a', "8001"},
+        {300, u'a', "AC02"}, {16384, u'a', "808001"}, {10, 0x6C49, "1E"}, // ten Han characters are 30 bytes
+        {1, 0x00E9, "02"},
+    };
+    for (const Case& c : cases)
+    {
+        std::vector<WCHAR> text(c.units, c.unit);
+        text.push_back(0);
+        Bytes buffer(PIPE_MESSAGE_LIMIT);
+        BYTE* end = EncodeString(buffer.data(), buffer.data() + buffer.size(), text.data());
+        ASSERT_TRUE(end);
+        Bytes length = Hex(c.lengthBytes);
+        EXPECT_EQ(length, Bytes(buffer.begin(), buffer.begin() + static_cast<long>(length.size())))
+            << c.units << " units";
+
+        WideString decoded;
+        const BYTE* after = DecodeString(buffer.data(), end, decoded);
+        EXPECT_EQ(end, after);
+        EXPECT_EQ(static_cast<int>(c.units), decoded.GetLength());
+    }
+}
+
+TEST(PipeMessage, NullAndEmptyTextAreOneZeroByte)
+{
+    BYTE buffer[4] = {0xAA, 0xAA, 0xAA, 0xAA};
+    EXPECT_EQ(buffer + 1, EncodeString(buffer, buffer + 4, nullptr));
+    EXPECT_EQ(0, buffer[0]);
+    buffer[0] = 0xAA;
+    EXPECT_EQ(buffer + 1, EncodeString(buffer, buffer + 4, TEXT("")));
+    EXPECT_EQ(0, buffer[0]);
+}
+
+TEST(PipeMessage, SurrogatePairIsFourBytesBothWays)
+{
+    const WCHAR grin[] = {0xD83D, 0xDE00, 0};
+    BYTE buffer[8] = {};
+    BYTE* end = EncodeString(buffer, buffer + sizeof buffer, grin);
+    EXPECT_EQ(Hex("04F09F9880"), Bytes(buffer, end));
+    WideString decoded;
+    EXPECT_EQ(end, DecodeString(buffer, end, decoded));
+    ASSERT_EQ(2, decoded.GetLength());
+    EXPECT_EQ(0xD83D, decoded[0]);
+    EXPECT_EQ(0xDE00, decoded[1]);
+}
+
+TEST(PipeMessage, OddLengthsDecodeAsTheWireSays)
+{
+    struct Case
+    {
+        const char* bytes;
+        size_t consumed; // bytes the cursor moves
+        const char* text;
+        bool untouched; // the destination keeps what it had
+    } cases[] = {
+        {"8000 41", 2, "", false},            // superfluous continuation: length 0
+        {"FFFFFFFF0F 41", 5, "", false},      // negative as signed 32-bit: empty, nothing behind consumed
+        {"FFFFFFFFFF 41", 0, "before", true}, // five continued bytes: refused
+        {"05 41420043 44", 6, "AB", false},   // a zero byte inside: text stops, cursor takes all five
+        {"03 410A42", 4, "A\nB", false},
+    };
+    for (const Case& c : cases)
+    {
+        Bytes bytes = Hex(c.bytes);
+        WideString destination(TEXT("before"));
+        const BYTE* after = DecodeString(bytes.data(), bytes.data() + bytes.size(), destination);
+        ASSERT_TRUE(after) << c.bytes;
+        EXPECT_EQ(c.consumed, static_cast<size_t>(after - bytes.data())) << c.bytes;
+        EXPECT_EQ(c.text, Narrow(destination)) << c.bytes;
+        EXPECT_EQ(c.untouched, destination == TEXT("before")) << c.bytes;
+    }
+}
+
+TEST(PipeMessage, ValuesAtAnOddOffsetReadCorrectly)
+{
+    PipeMessage message;
+    message.m_kind = 0x01020304;
+    message.m_phase = 0xFFFFFFFF;
+    message.m_reserved = 0xA5A5A5A5;
+    message.m_source = TEXT("abc"); // values then start at offset 12 + 4 + 1 + 1 + 1 = 19
+    for (int i = 0; i < 6; ++i)
+        message.m_values[i] = 0x0102030405060708ull * static_cast<ULONGLONG>(i + 1) + 0x8000000000000000ull;
+    Bytes bytes = Encode(message);
+    ASSERT_EQ(19u + 48u, bytes.size());
+    EXPECT_EQ(0x08, bytes[19] & 0x0F);
+    std::unique_ptr<PipeMessage> decoded = Decode(bytes);
+    ASSERT_TRUE(decoded);
+    EXPECT_EQ(message.m_kind, decoded->m_kind);
+    EXPECT_EQ(message.m_phase, decoded->m_phase);
+    EXPECT_EQ(message.m_reserved, decoded->m_reserved);
+    for (int i = 0; i < 6; ++i)
+        EXPECT_EQ(message.m_values[i], decoded->m_values[i]) << "value " << i;
+}
+
+TEST(PipeMessage, RefusedLengthStillDeliversTheMessage)
+{
+    // All four strings refuse the same five bytes; the values are read from that same place.
+    Bytes bytes = Hex("15000000 03000000 00000000 FFFFFFFFFF");
+    Bytes values(48, 0);
+    values[0] = 7;
+    bytes.insert(bytes.end(), values.begin(), values.end());
+    std::unique_ptr<PipeMessage> decoded = Decode(bytes);
+    ASSERT_TRUE(decoded);
+    EXPECT_TRUE(decoded->m_source.IsEmpty());
+    EXPECT_EQ(0x07FFFFFFFFFFull, decoded->m_values[0]); // the five refused bytes, then the 7
+}
+
+TEST(PipeMessage, MalformedMessagesAreRefusedWithinTheBytesRead)
+{
+    Bytes report = Hex(REPORT_81);
+    // Every cut short of the full message leaves a field without its bytes; none is read beyond the cut
+    // (the copy holds exactly the bytes "read", so a sanitizer sees any overrun).
+    for (size_t size = 0; size < report.size(); ++size)
+    {
+        Bytes cut(report.begin(), report.begin() + static_cast<long>(size));
+        EXPECT_FALSE(Decode(cut)) << size << " bytes";
+    }
+    EXPECT_FALSE(DecodeMessage(nullptr, 0));
+    // A length reaching past the end of the message.
+    Bytes tooLong = Hex("15000000 03000000 00000000 7F 41");
+    EXPECT_FALSE(Decode(tooLong));
+    // Trailing bytes behind the values are no harm.
+    report.push_back(0xEE);
+    EXPECT_TRUE(Decode(report));
+}
+
+TEST(PipeMessage, EncodingThatWouldPassTheLimitFailsWhole)
+{
+    PipeMessage message;
+    // 12 + (3 + 1048520) + 1 + 1 + 1 + 48 = 1048586: ten bytes over.
+    std::vector<WCHAR> text(1048520, u'x');
+    text.push_back(0);
+    message.m_source = text.data();
+    Bytes buffer(PIPE_MESSAGE_LIMIT + 64, 0xCC);
+    EXPECT_EQ(0u, EncodeMessage(message, buffer.data(), PIPE_MESSAGE_LIMIT));
+    for (size_t i = PIPE_MESSAGE_LIMIT; i < buffer.size(); ++i)
+        ASSERT_EQ(0xCC, buffer[i]) << "written past the end at " << i;
+
+    // Ten units shorter fits exactly.
+    text.resize(1048510, u'x');
+    text.push_back(0);
+    message.m_source = text.data();
+    EXPECT_EQ(PIPE_MESSAGE_LIMIT, EncodeMessage(message, buffer.data(), PIPE_MESSAGE_LIMIT));
+
+    // Han characters count three bytes each against the limit.
+    std::vector<WCHAR> han(349504, 0x6C49);
+    han.push_back(0);
+    message.m_source = han.data();
+    EXPECT_EQ(0u, EncodeMessage(message, buffer.data(), PIPE_MESSAGE_LIMIT));
+    han.resize(349503, 0x6C49);
+    han.push_back(0);
+    message.m_source = han.data();
+    EXPECT_NE(0u, EncodeMessage(message, buffer.data(), PIPE_MESSAGE_LIMIT));
+}
