@@ -67,4 +67,7 @@
 #if __has_include("platform/host/OleAut.h")
 #include "platform/host/OleAut.h"
 #endif
+#if __has_include("platform/host/System.h")
+#include "platform/host/System.h"
+#endif
 #endif

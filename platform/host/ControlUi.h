@@ -39,6 +39,8 @@ inline DialogAction Command(int id, WORD notification = 0)
 // script cannot be shown (as without a display): DialogBoxParamW returns -1 before WM_INITDIALOG.
 void ScriptDialog(const std::vector<DialogAction>& actions);
 void ScriptDialogCannotShow();
+// Drops the scripts that no dialog has used yet.
+void ClearDialogScripts();
 
 struct ShownControl
 {

@@ -1032,6 +1032,13 @@ void ScriptDialogCannotShow()
     state.scripts.emplace_back(false, std::vector<DialogAction>());
 }
 
+void ClearDialogScripts()
+{
+    UiState& state = State();
+    std::lock_guard<std::recursive_mutex> guard(state.lock);
+    state.scripts.clear();
+}
+
 const std::vector<ShownDialog>& ShownDialogs()
 {
     return State().shown;

@@ -31,8 +31,10 @@ DialogAnswer::DialogAnswer(std::vector<UserStep> steps) : m_state(new State{VmHo
     VmHost::ScriptDialog(actions);
 }
 
+// An answer no dialog came for must not answer a later one.
 DialogAnswer::~DialogAnswer()
 {
+    VmHost::ClearDialogScripts();
     delete m_state;
 }
 

@@ -1,0 +1,211 @@
+#include "tests/support/World.h"
+
+#include <cstring>
+#include <stdexcept>
+
+namespace TestSupport
+{
+namespace
+{
+const WCHAR kExtensionsKey[] = TEXT("Software\\Morvenlith\\Velmount\\Extensions");
+
+HGLOBAL CopyToGlobal(const void* bytes, SIZE_T size)
+{
+    HGLOBAL block = GlobalAlloc(GMEM_MOVEABLE, size);
+    if (!block)
+        return nullptr;
+    void* memory = GlobalLock(block);
+    std::memcpy(memory, bytes, size);
+    GlobalUnlock(block);
+    return block;
+}
+} // namespace
+
+void SetUseValueOfType(LPCWSTR sid, DWORD type, const void* data, DWORD size)
+{
+    WideString path(kExtensionsKey);
+    path.Append(TEXT("\\"));
+    path.Append(sid);
+    HKEY key = nullptr;
+    if (RegCreateKeyExW(HKEY_LOCAL_MACHINE, path, 0, nullptr, 0, KEY_SET_VALUE, nullptr, &key, nullptr) !=
+        ERROR_SUCCESS)
+        throw std::runtime_error("RegCreateKeyExW failed");
+    LONG status = RegSetValueExW(key, TEXT("Use"), 0, type, static_cast<const BYTE*>(data), size);
+    RegCloseKey(key);
+    if (status != ERROR_SUCCESS)
+        throw std::runtime_error("RegSetValueExW failed");
+}
+
+void SetUseValue(LPCWSTR sid, DWORD value)
+{
+    SetUseValueOfType(sid, REG_DWORD, &value, sizeof(value));
+}
+
+void RemoveUseValue(LPCWSTR sid)
+{
+    WideString path(kExtensionsKey);
+    path.Append(TEXT("\\"));
+    path.Append(sid);
+    HKEY key = nullptr;
+    if (RegOpenKeyExW(HKEY_LOCAL_MACHINE, path, 0, KEY_SET_VALUE, &key) == ERROR_SUCCESS)
+    {
+        RegDeleteValueW(key, TEXT("Use"));
+        RegCloseKey(key);
+    }
+}
+
+void SetClipboardFormats(std::initializer_list<LPCWSTR> formatNames)
+{
+    if (!OpenClipboard(nullptr))
+        throw std::runtime_error("OpenClipboard failed");
+    EmptyClipboard();
+    for (LPCWSTR name : formatNames)
+    {
+        DWORD value = 1;
+        HGLOBAL block = CopyToGlobal(&value, sizeof(value));
+        if (!SetClipboardData(RegisterClipboardFormatW(name), block))
+            GlobalFree(block);
+    }
+    CloseClipboard();
+}
+
+void SetKeysDown(std::initializer_list<int> virtualKeys)
+{
+    BYTE keys[256] = {};
+    for (int key : virtualKeys)
+        keys[key] = 0x80;
+    SetKeyboardState(keys);
+}
+
+ItemIdList::ItemIdList(LPCWSTR path) : m_list(ILCreateFromPathW(path))
+{
+    if (!m_list)
+        throw std::runtime_error("ILCreateFromPathW failed");
+}
+
+ItemIdList ItemIdList::VirtualFolder()
+{
+    ItemIdList list;
+    if (FAILED(SHGetSpecialFolderLocation(nullptr, CSIDL_CONTROLS, &list.m_list)))
+        throw std::runtime_error("SHGetSpecialFolderLocation failed");
+    return list;
+}
+
+ItemIdList::ItemIdList(ItemIdList&& other) noexcept : m_list(other.m_list)
+{
+    other.m_list = nullptr;
+}
+
+ItemIdList::~ItemIdList()
+{
+    if (m_list)
+        ILFree(m_list);
+}
+
+std::vector<BYTE> DropFilesBlock(const std::vector<WideString>& paths)
+{
+    DROPFILES header = {};
+    header.pFiles = sizeof(DROPFILES);
+    header.fWide = TRUE;
+    std::vector<BYTE> block(reinterpret_cast<const BYTE*>(&header),
+                            reinterpret_cast<const BYTE*>(&header + 1));
+    for (const WideString& path : paths)
+    {
+        const BYTE* text = reinterpret_cast<const BYTE*>(path.GetString());
+        block.insert(block.end(), text, text + (path.GetLength() + 1) * sizeof(WCHAR));
+    }
+    block.insert(block.end(), sizeof(WCHAR), 0);
+    return block;
+}
+
+DropDataObject* DropDataObject::Create(const std::vector<WideString>& paths)
+{
+    DropDataObject* object = new DropDataObject;
+    object->m_dropFiles = DropFilesBlock(paths);
+    return object;
+}
+
+DropDataObject::~DropDataObject() = default;
+
+void DropDataObject::AddValue(LPCWSTR formatName, DWORD value)
+{
+    m_values.push_back(Value{static_cast<CLIPFORMAT>(RegisterClipboardFormatW(formatName)), value});
+}
+
+HRESULT DropDataObject::QueryInterface(REFIID riid, void** ppv)
+{
+    if (!ppv)
+        return E_POINTER;
+    if (IsEqualIID(riid, IID_IUnknown) || IsEqualIID(riid, IID_IDataObject))
+    {
+        *ppv = static_cast<IDataObject*>(this);
+        AddRef();
+        return S_OK;
+    }
+    *ppv = nullptr;
+    return E_NOINTERFACE;
+}
+
+ULONG DropDataObject::AddRef()
+{
+    return static_cast<ULONG>(++m_references);
+}
+
+ULONG DropDataObject::Release()
+{
+    LONG left = --m_references;
+    if (left == 0)
+        delete this;
+    return static_cast<ULONG>(left);
+}
+
+HRESULT DropDataObject::QueryGetData(FORMATETC* format)
+{
+    if (!format)
+        return E_INVALIDARG;
+    if (!(format->tymed & TYMED_HGLOBAL))
+        return DV_E_TYMED;
+    if (format->cfFormat == CF_HDROP)
+        return m_dropMode == DropMode::Missing ? DV_E_FORMATETC : S_OK;
+    for (const Value& value : m_values)
+        if (value.format == format->cfFormat)
+            return S_OK;
+    return DV_E_FORMATETC;
+}
+
+HRESULT DropDataObject::GetData(FORMATETC* format, STGMEDIUM* medium)
+{
+    if (!format || !medium)
+        return E_INVALIDARG;
+    HRESULT offered = QueryGetData(format);
+    if (format->cfFormat == CF_HDROP)
+        ++m_dropRequests;
+    if (offered != S_OK)
+        return offered;
+    medium->tymed = TYMED_HGLOBAL;
+    medium->pUnkForRelease = nullptr;
+    if (format->cfFormat == CF_HDROP)
+    {
+        medium->hGlobal = m_dropMode == DropMode::Unlockable
+                              ? nullptr
+                              : CopyToGlobal(m_dropFiles.data(), m_dropFiles.size());
+        return S_OK;
+    }
+    for (const Value& value : m_values)
+    {
+        if (value.format == format->cfFormat)
+        {
+            medium->hGlobal = CopyToGlobal(&value.value, sizeof(value.value));
+            return medium->hGlobal ? S_OK : E_OUTOFMEMORY;
+        }
+    }
+    return DV_E_FORMATETC;
+}
+
+HRESULT DropDataObject::GetCanonicalFormatEtc(FORMATETC*, FORMATETC* out)
+{
+    if (out)
+        out->ptd = nullptr;
+    return DATA_S_SAMEFORMATETC;
+}
+} // namespace TestSupport
