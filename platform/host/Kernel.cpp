@@ -170,6 +170,22 @@ WCHAR FoldUpper(WCHAR c)
 }
 } // namespace
 
+// As the C runtime compares in the "C" locale: A-Z folded to lower case, at most `count` characters, a
+// terminator ending the comparison.
+int _wcsnicmp(const WCHAR* a, const WCHAR* b, size_t count)
+{
+    for (; count; --count, ++a, ++b)
+    {
+        WCHAR x = (*a >= u'A' && *a <= u'Z') ? static_cast<WCHAR>(*a + 32) : *a;
+        WCHAR y = (*b >= u'A' && *b <= u'Z') ? static_cast<WCHAR>(*b + 32) : *b;
+        if (x != y)
+            return x < y ? -1 : 1;
+        if (!x)
+            return 0;
+    }
+    return 0;
+}
+
 int lstrcmpiW(LPCWSTR a, LPCWSTR b)
 {
     if (!a || !b)

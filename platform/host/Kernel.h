@@ -61,6 +61,7 @@ WINBASEAPI HLOCAL LocalAlloc(UINT flags, SIZE_T bytes);
 #define ERANGE 34
 WINBASEAPI errno_t _wcslwr_s(WCHAR* text, size_t elements);
 WINBASEAPI int _wtoi(const WCHAR* text);
+WINBASEAPI int _wcsnicmp(const WCHAR* a, const WCHAR* b, size_t count);
 WINBASEAPI int lstrcmpiW(LPCWSTR a, LPCWSTR b);
 WINBASEAPI int lstrcmpW(LPCWSTR a, LPCWSTR b);
 WINBASEAPI int lstrlenW(LPCWSTR text);

@@ -251,10 +251,32 @@ BOOL FreeResource(HGLOBAL)
     return FALSE;
 }
 
+// The system libraries whose calls the stand-in itself provides: asked for by name, they are the stand-in's
+// own module, so GetProcAddress on that handle finds what the stand-in exports (and nothing it lacks).
+namespace
+{
+bool IsSystemLibrary(LPCWSTR name)
+{
+    static const char* const LIBRARIES[] = {"kernel32", "advapi32", "oleaut32", "ole32",
+                                            "user32",   "shell32",  "shlwapi",  "gdi32"};
+    std::u16string folded;
+    for (const WCHAR* p = name; *p; ++p)
+        folded += static_cast<char16_t>((*p >= u'A' && *p <= u'Z') ? *p + 32 : *p);
+    if (folded.size() > 4 && folded.compare(folded.size() - 4, 4, u".dll") == 0)
+        folded.resize(folded.size() - 4);
+    for (const char* library : LIBRARIES)
+        if (folded == std::u16string(library, library + std::strlen(library)))
+            return true;
+    return false;
+}
+} // namespace
+
 HMODULE GetModuleHandleW(LPCWSTR lpModuleName)
 {
     if (!lpModuleName)
         return MainModule();
+    if (IsSystemLibrary(lpModuleName))
+        return ModuleOf(reinterpret_cast<const void*>(&GetModuleHandleW));
     SetLastError(ERROR_MOD_NOT_FOUND);
     return nullptr;
 }
