@@ -4,6 +4,7 @@
 #include "channel/PipeMessage.h"
 #include "extension/OperationJob.h"
 #include "module/ModuleLock.h"
+#include "tests/channel/UniqueKey.h"
 #include "tests/support/MessageBoxWatch.h"
 #include "tests/support/ProgressRecorder.h"
 #include "tools/FakeService/FakeService.h"
@@ -21,21 +22,6 @@ typedef std::vector<BYTE> Bytes;
 
 namespace
 {
-Text UniqueKey()
-{
-    static int serial = 0;
-    Text key = TEXT("worker-test");
-    for (DWORD number : {GetCurrentProcessId(), static_cast<DWORD>(++serial)})
-    {
-        Text digits;
-        do
-            digits.insert(digits.begin(), static_cast<WCHAR>(TEXT('0') + number % 10));
-        while (number /= 10);
-        key += TEXT("-") + digits;
-    }
-    return key;
-}
-
 ServiceScript Script(const char* text)
 {
     ServiceScript script;
@@ -127,7 +113,7 @@ TEST(OperationThread, QuickCopyFromRequestToEnd)
 {
     TestSupport::ProgressDialogRegistration dialogs;
     ASSERT_TRUE(dialogs.Registered());
-    Text key = UniqueKey();
+    Text key = UniqueKey(TEXT("worker-test"));
     FakeService service(key.c_str(),
                         Script("send 21 1\n"
                                "send 21 2 2 8192\n"
@@ -161,7 +147,7 @@ TEST(OperationThread, QuickCopyFromRequestToEnd)
 TEST(OperationThread, QuietOperationShowsNoDialog)
 {
     TestSupport::ProgressDialogRegistration dialogs;
-    Text key = UniqueKey();
+    Text key = UniqueKey(TEXT("worker-test"));
     FakeService service(key.c_str(), Script("send 51 2 5 5\nsend 51 3 1 1\nsend 51 4\n"));
     ASSERT_TRUE(service.Start());
 
@@ -180,7 +166,7 @@ TEST(OperationThread, CancelGoesOutOnceAndTheReportsAfterItStillCount)
 {
     TestSupport::ProgressDialogRegistration dialogs;
     dialogs.journal.status = PDOPS_CANCELLED;
-    Text key = UniqueKey();
+    Text key = UniqueKey(TEXT("worker-test"));
     FakeService service(key.c_str(), Script("send 21 1\n"
                                             "pause 20000\n"
                                             "on-cancel\n"
@@ -208,7 +194,7 @@ TEST(OperationThread, CancelGoesOutOnceAndTheReportsAfterItStillCount)
 TEST(OperationThread, ServiceGoneRightAfterTheRequestEndsTheOperation)
 {
     TestSupport::ProgressDialogRegistration dialogs;
-    Text key = UniqueKey();
+    Text key = UniqueKey(TEXT("worker-test"));
     FakeService service(key.c_str(), Script("vanish\n"));
     ASSERT_TRUE(service.Start());
 
@@ -222,7 +208,7 @@ TEST(OperationThread, ServiceGoneRightAfterTheRequestEndsTheOperation)
 TEST(OperationThread, SilentServiceKeepsTheLoopPolling)
 {
     TestSupport::ProgressDialogRegistration dialogs;
-    Text key = UniqueKey();
+    Text key = UniqueKey(TEXT("worker-test"));
     FakeService service(key.c_str(), Script("pause 600\nsend 98 4\nsend 99 3 1 1 1 1\n"));
     ASSERT_TRUE(service.Start());
     Worker worker(NewJob(key));
@@ -240,7 +226,7 @@ TEST(OperationThread, SilentServiceKeepsTheLoopPolling)
 TEST(OperationThread, AnEndingMessageClosesThePipeBeforeTheDialog)
 {
     TestSupport::ProgressDialogRegistration dialogs;
-    Text key = UniqueKey();
+    Text key = UniqueKey(TEXT("worker-test"));
     FakeService service(key.c_str(), Script("send 21 99\npause 20000\n"));
     ASSERT_TRUE(service.Start());
     Worker worker(NewJob(key));
@@ -257,7 +243,7 @@ TEST(OperationThread, AnEndingMessageClosesThePipeBeforeTheDialog)
 TEST(OperationThread, MalformedAndOversizeMessagesAreDropped)
 {
     TestSupport::ProgressDialogRegistration dialogs;
-    Text key = UniqueKey();
+    Text key = UniqueKey(TEXT("worker-test"));
     FakeService service(key.c_str(), Script("send 21 2 2 8192\n"
                                             "raw 15 00 00 00 03 00\n"
                                             "raw 15 00 00 00 03 00 00 00 00 00 00 00 7F 41\n"
@@ -279,7 +265,7 @@ TEST(OperationThread, NoServiceIsAFailedStartWithoutAWord)
     TestSupport::ProgressDialogRegistration dialogs;
     TestSupport::MessageBoxWatch boxes;
 
-    EXPECT_EQ(static_cast<DWORD>(E_FAIL), Worker(NewJob(UniqueKey())).Finish());
+    EXPECT_EQ(static_cast<DWORD>(E_FAIL), Worker(NewJob(UniqueKey(TEXT("worker-test")))).Finish());
 
     EXPECT_EQ(0, dialogs.journal.dialogsMade.load());
     EXPECT_TRUE(boxes.Seen().empty());
@@ -289,7 +275,7 @@ TEST(OperationThread, ADialogThatCannotBeMadeStopsTheOperationBeforeTheRequest)
 {
     TestSupport::ProgressDialogRegistration dialogs(true);
     TestSupport::MessageBoxWatch boxes;
-    Text key = UniqueKey();
+    Text key = UniqueKey(TEXT("worker-test"));
     FakeService service(key.c_str(), Script("send 21 4 1 1\n"));
     ASSERT_TRUE(service.Start());
 

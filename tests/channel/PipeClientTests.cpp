@@ -1,5 +1,6 @@
 #include "channel/PipeClient.h"
 #include "channel/PipeMessage.h"
+#include "tests/channel/UniqueKey.h"
 
 #include <gtest/gtest.h>
 
@@ -11,20 +12,9 @@ typedef std::vector<BYTE> Bytes;
 
 namespace
 {
-// A name no other test process uses at the same time.
 Text UniquePipeName()
 {
-    static int serial = 0;
-    Text name = TEXT("\\\\.\\pipe\\QX-client-test-");
-    for (DWORD number : {GetCurrentProcessId(), static_cast<DWORD>(++serial)})
-    {
-        Text digits;
-        do
-            digits.insert(digits.begin(), static_cast<WCHAR>(TEXT('0') + number % 10));
-        while (number /= 10);
-        name += digits + TEXT("-");
-    }
-    return name;
+    return TEXT("\\\\.\\pipe\\QX-") + UniqueKey(TEXT("client-test"));
 }
 
 Bytes Pattern(size_t size, BYTE first)
