@@ -1,0 +1,52 @@
+#include "module/ClassFactory.h"
+
+#include "foundation/Hresult.h"
+
+const InterfaceMapEntry* ComClassTraits<CComClassFactory>::Entries()
+{
+    static const InterfaceMapEntry entries[] = {
+        {&IID_IClassFactory, InterfaceOffset<CComClassFactory, IClassFactory>(), 1},
+        {nullptr, 0, 0},
+    };
+    return entries;
+}
+
+HRESULT STDMETHODCALLTYPE CComClassFactory::CreateInstance(IUnknown* outer, REFIID iid, void** out)
+{
+    if (!out)
+        return E_POINTER;
+    *out = nullptr;
+    if (outer && !SameId(iid, IID_IUnknown))
+        return CLASS_E_NOAGGREGATION;
+    return m_creator(outer, iid, out);
+}
+
+HRESULT STDMETHODCALLTYPE CComClassFactory::LockServer(BOOL lock)
+{
+    if (lock)
+        g_module->Lock();
+    else
+        g_module->Unlock();
+    return S_OK;
+}
+
+HRESULT WINAPI CreateClassFactory(void* creator, REFIID iid, void** out)
+{
+    if (!out)
+        return E_POINTER;
+    *out = nullptr;
+    auto factory = new (std::nothrow) CComObjectCached<CComClassFactory>();
+    if (!factory)
+        return E_OUTOFMEMORY;
+    factory->m_creator = reinterpret_cast<CreatorFunction>(creator);
+    if (!factory->InitializeLock())
+    {
+        HRESULT hr = HresultFromLastError();
+        delete factory;
+        return hr;
+    }
+    HRESULT hr = factory->QueryInterface(iid, out);
+    if (hr != S_OK)
+        delete factory;
+    return hr;
+}
