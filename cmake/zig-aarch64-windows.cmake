@@ -20,3 +20,11 @@ set(CMAKE_FIND_ROOT_PATH_MODE_PACKAGE ONLY)
 set(CMAKE_EXE_LINKER_FLAGS_INIT "-static")
 set(CMAKE_SHARED_LINKER_FLAGS_INIT "-static")
 set(CMAKE_MODULE_LINKER_FLAGS_INIT "-static")
+
+# zig's linker driver knows --whole-archive/--no-whole-archive but not --push-state/--pop-state, which CMake
+# would otherwise choose for $<LINK_LIBRARY:WHOLE_ARCHIVE,...> after asking the host's ld.
+set(_CMAKE_LINKER_PUSHPOP_STATE_SUPPORTED FALSE CACHE INTERNAL "zig's linker driver has no --push-state")
+
+# Nothing built here runs on this machine, and linking a test program would make zig build its C++ runtime
+# once more for executables: compiler checks stop at a static library.
+set(CMAKE_TRY_COMPILE_TARGET_TYPE STATIC_LIBRARY)
