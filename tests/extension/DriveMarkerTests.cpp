@@ -208,8 +208,8 @@ TEST_F(DriveMarkerRead, TextEndsAtTheFirstNulAndAnOddByteCountEndsInAHalfUnit)
 {
     m_object->m_targetDrive = ParseDriveMarker(TEXT(""), TEXT("K=elsewhere"));
     std::vector<BYTE> nul = Bytes(Text(TEXT("K=a")) + WCHAR(0) + TEXT("|CI=T"));
-    m_drive.WriteFile(TEXT("Nul\\.Velmount"), nul.data(), static_cast<DWORD>(nul.size()));
-    DriveInfo* record = m_object->ReadDriveMarker(m_drive.Path(TEXT("Nul")));
+    m_drive.WriteFile(TEXT("Stop\\.Velmount"), nul.data(), static_cast<DWORD>(nul.size()));
+    DriveInfo* record = m_object->ReadDriveMarker(m_drive.Path(TEXT("Stop")));
     ASSERT_NE(record, nullptr);
     EXPECT_EQ(record->key, TEXT("a"));
     EXPECT_EQ(record->ci, 0);

@@ -472,12 +472,12 @@ TEST(BuildMenuPlan, CaptionsCompareAsTheMenuShowsThem)
 {
     // The menu gives at most 259 units of a caption: two equal long captions never match, one cut to 259
     // units in the menu matches a line of exactly those units.
-    std::u16string longCaption(300, u'x');
+    std::basic_string<WCHAR> longCaption(300, TEXT('x'));
     MenuRequest request = Request(Shape::Background);
     request.indexMenu = 1;
-    request.existingItems = {{0, 5, WideString(std::u16string(259, u'y').c_str())}};
+    request.existingItems = {{0, 5, WideString(std::basic_string<WCHAR>(259, TEXT('y')).c_str())}};
     request.customItems = {Fmi(longCaption.c_str(), 60), Fmi(longCaption.c_str(), 61),
-                           Fmi(std::u16string(259, u'y').c_str(), 62)};
+                           Fmi(std::basic_string<WCHAR>(259, TEXT('y')).c_str(), 62)};
     request.customCount = 3;
     MenuPlan plan = BuildMenuPlan(request, 0, 1);
     ASSERT_EQ(plan.steps.size(), 4u); // separator, both long items, closing separator

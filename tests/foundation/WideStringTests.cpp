@@ -10,7 +10,10 @@
 
 namespace
 {
-std::u16string Text(const WideString& s) { return std::u16string(reinterpret_cast<const char16_t*>(s.GetString()), s.GetLength()); }
+std::u16string Text(const WideString& s)
+{
+    return std::u16string(reinterpret_cast<const char16_t*>(s.GetString()), s.GetLength());
+}
 
 template <typename F> HRESULT RaisedBy(F&& f)
 {
@@ -162,10 +165,11 @@ TEST(WideString, TokenizeSkipsDelimiterRunsAndEndsWithEmpty)
     };
     for (const Case& c : cases)
     {
-        WideString s(c.text);
+        WideString s(reinterpret_cast<LPCWSTR>(c.text));
         int position = 0;
         std::vector<std::u16string> tokens;
-        for (WideString token = s.Tokenize(TEXT("|"), position); !token.IsEmpty(); token = s.Tokenize(TEXT("|"), position))
+        for (WideString token = s.Tokenize(TEXT("|"), position); !token.IsEmpty();
+             token = s.Tokenize(TEXT("|"), position))
             tokens.push_back(Text(token));
         EXPECT_EQ(tokens, c.tokens);
         EXPECT_EQ(position, -1);
@@ -213,7 +217,8 @@ TEST(WideString, LengthsNearTwoToThe31Fail)
     WideString s;
     EXPECT_EQ(RaisedBy([&] { s.GetBuffer(0x7FFFFFF0); }), E_OUTOFMEMORY);
     WideString a(TEXT("abc"));
-    EXPECT_EQ(RaisedBy([&] { a.Append(TEXT("x"), 0x7FFFFFFE); }), E_INVALIDARG) << "sum of lengths past 0x7FFFFFFF";
+    EXPECT_EQ(RaisedBy([&] { a.Append(TEXT("x"), 0x7FFFFFFE); }), E_INVALIDARG)
+        << "sum of lengths past 0x7FFFFFFF";
     EXPECT_EQ(a, TEXT("abc"));
 }
 
@@ -243,17 +248,19 @@ TEST(WideString, CopiesMayBeReleasedOnOtherThreads)
     std::atomic<int> mismatches{0};
     std::vector<std::thread> threads;
     for (int t = 0; t < 4; ++t)
-        threads.emplace_back([shared, &mismatches] {
-            for (int i = 0; i < 2000; ++i)
+        threads.emplace_back(
+            [shared, &mismatches]
             {
-                WideString mine = shared;
-                WideString other = mine;
-                if (i % 3 == 0)
-                    other.MakeLower();
-                if (mine != TEXT("a path shared by many threads"))
-                    ++mismatches;
-            }
-        });
+                for (int i = 0; i < 2000; ++i)
+                {
+                    WideString mine = shared;
+                    WideString other = mine;
+                    if (i % 3 == 0)
+                        other.MakeLower();
+                    if (mine != TEXT("a path shared by many threads"))
+                        ++mismatches;
+                }
+            });
     for (auto& thread : threads)
         thread.join();
     EXPECT_EQ(mismatches.load(), 0);

@@ -1,6 +1,7 @@
 #include "tests/support/ManagedDrive.h"
 
 #include <stdexcept>
+#include <string>
 
 namespace TestSupport
 {
@@ -21,7 +22,8 @@ void ManagedDrive::MakeFolder(LPCWSTR relative) const
         {
             WideString level = path.Left(i);
             if (!CreateDirectoryW(level, nullptr) && GetLastError() != ERROR_ALREADY_EXISTS)
-                throw std::runtime_error("CreateDirectoryW failed");
+                throw std::runtime_error(std::string("CreateDirectoryW failed, error ") +
+                                         std::to_string(GetLastError()));
         }
     }
 }
@@ -37,12 +39,12 @@ void ManagedDrive::WriteFile(LPCWSTR relative, const void* bytes, DWORD size) co
         MakeFolder(path.Mid(3, lastBackslash - 3));
     HANDLE file = CreateFileW(path, GENERIC_WRITE, 0, nullptr, CREATE_ALWAYS, 0, nullptr);
     if (file == INVALID_HANDLE_VALUE)
-        throw std::runtime_error("CreateFileW failed");
+        throw std::runtime_error(std::string("CreateFileW failed, error ") + std::to_string(GetLastError()));
     DWORD written = 0;
     BOOL ok = size == 0 || ::WriteFile(file, bytes, size, &written, nullptr);
     CloseHandle(file);
     if (!ok || written != size)
-        throw std::runtime_error("WriteFile failed");
+        throw std::runtime_error(std::string("WriteFile failed, error ") + std::to_string(GetLastError()));
 }
 
 void ManagedDrive::WriteMarker(LPCWSTR folderRelative, LPCWSTR text) const
@@ -57,6 +59,6 @@ void ManagedDrive::WriteMarker(LPCWSTR folderRelative, LPCWSTR text) const
 void ManagedDrive::DeleteFile(LPCWSTR relative) const
 {
     if (!::DeleteFileW(Path(relative)))
-        throw std::runtime_error("DeleteFileW failed");
+        throw std::runtime_error(std::string("DeleteFileW failed, error ") + std::to_string(GetLastError()));
 }
 } // namespace TestSupport

@@ -2,6 +2,7 @@
 
 #include <cstring>
 #include <stdexcept>
+#include <string>
 
 namespace TestSupport
 {
@@ -29,11 +30,13 @@ void SetUseValueOfType(LPCWSTR sid, DWORD type, const void* data, DWORD size)
     HKEY key = nullptr;
     if (RegCreateKeyExW(HKEY_LOCAL_MACHINE, path, 0, nullptr, 0, KEY_SET_VALUE, nullptr, &key, nullptr) !=
         ERROR_SUCCESS)
-        throw std::runtime_error("RegCreateKeyExW failed");
+        throw std::runtime_error(std::string("RegCreateKeyExW failed, error ") +
+                                 std::to_string(GetLastError()));
     LONG status = RegSetValueExW(key, TEXT("Use"), 0, type, static_cast<const BYTE*>(data), size);
     RegCloseKey(key);
     if (status != ERROR_SUCCESS)
-        throw std::runtime_error("RegSetValueExW failed");
+        throw std::runtime_error(std::string("RegSetValueExW failed, error ") +
+                                 std::to_string(GetLastError()));
 }
 
 void SetUseValue(LPCWSTR sid, DWORD value)
@@ -57,7 +60,8 @@ void RemoveUseValue(LPCWSTR sid)
 void SetClipboardFormats(std::initializer_list<LPCWSTR> formatNames)
 {
     if (!OpenClipboard(nullptr))
-        throw std::runtime_error("OpenClipboard failed");
+        throw std::runtime_error(std::string("OpenClipboard failed, error ") +
+                                 std::to_string(GetLastError()));
     EmptyClipboard();
     for (LPCWSTR name : formatNames)
     {
@@ -80,14 +84,16 @@ void SetKeysDown(std::initializer_list<int> virtualKeys)
 ItemIdList::ItemIdList(LPCWSTR path) : m_list(ILCreateFromPathW(path))
 {
     if (!m_list)
-        throw std::runtime_error("ILCreateFromPathW failed");
+        throw std::runtime_error(std::string("ILCreateFromPathW failed, error ") +
+                                 std::to_string(GetLastError()));
 }
 
 ItemIdList ItemIdList::VirtualFolder()
 {
     ItemIdList list;
     if (FAILED(SHGetSpecialFolderLocation(nullptr, CSIDL_CONTROLS, &list.m_list)))
-        throw std::runtime_error("SHGetSpecialFolderLocation failed");
+        throw std::runtime_error(std::string("SHGetSpecialFolderLocation failed, error ") +
+                                 std::to_string(GetLastError()));
     return list;
 }
 
@@ -114,7 +120,8 @@ std::vector<BYTE> DropFilesBlock(const std::vector<WideString>& paths)
         const BYTE* text = reinterpret_cast<const BYTE*>(path.GetString());
         block.insert(block.end(), text, text + (path.GetLength() + 1) * sizeof(WCHAR));
     }
-    block.insert(block.end(), sizeof(WCHAR), 0);
+    // The list ends with an empty name; an empty list is that name twice, as the shell writes it.
+    block.insert(block.end(), (paths.empty() ? 2 : 1) * sizeof(WCHAR), 0);
     return block;
 }
 
