@@ -348,6 +348,8 @@ std::string Narrow(const WCHAR* text)
 
 int main(int argc, char** argv)
 {
+    // Lines reach a pipe in order with the progress drawn on stderr.
+    std::setvbuf(stdout, nullptr, _IOLBF, 0);
     Options options;
     std::vector<std::string> words;
     for (int i = 1; i < argc; ++i)
