@@ -114,11 +114,14 @@ private:
         }
     }
 
-    // COM on this thread: it joins the multithreaded apartment itself rather than depend on what the host
-    // process has set up. The thread never pumps messages (it polls and sleeps), and a single-threaded
-    // apartment that does not pump would stall every call made into it; in the multithreaded apartment the
-    // system's progress dialog, which runs its own window thread, and the shell items need no message loop
-    // here. A thread that already belongs to an apartment (it cannot, being new) would keep it.
+    // COM on this thread: it joins the multithreaded apartment itself, and only when it is about to make the
+    // progress dialog (a quiet operation makes no COM call). Left alone, CoCreateInstance would succeed only
+    // where the host process happens to keep a multithreaded apartment, which the thread would then use
+    // implicitly; joining it explicitly gives the same apartment without depending on the host. A
+    // single-threaded apartment would be wrong here: the thread never pumps messages (it polls and sleeps),
+    // and an apartment that does not pump stalls whatever is sent into it, while the system's progress
+    // dialog runs its window on a thread of its own and needs no loop from this one. The apartment is left
+    // in Finish, after the dialog and the shell items have been released.
     void JoinApartment()
     {
         HRESULT joined = CoInitializeEx(nullptr, COINIT_MULTITHREADED);

@@ -12,7 +12,6 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
-#include <cctype>
 #include <string>
 #include <vector>
 
@@ -83,16 +82,10 @@ private:
     HANDLE m_thread = nullptr;
 };
 
-// The dialog's calls from the worker's own start on; the shell reports paths in the file system's case, so
-// the locations are compared in lower case.
+// The dialog's calls from the worker's own start on.
 Calls CallsAfterStart(const TestSupport::ProgressJournal& journal)
 {
     Calls calls = journal.Calls();
-    for (std::string& call : calls)
-        if (call.rfind("UpdateLocations", 0) == 0)
-            std::transform(call.begin() + 16, call.end(), call.begin() + 16,
-                           [](char c)
-                           { return static_cast<char>(std::tolower(static_cast<unsigned char>(c))); });
     const Calls start = {"SetOperation 7", "SetMode 0", "StartProgressDialog 0 0", "GetWindow"};
     EXPECT_TRUE(calls.size() >= start.size() && Calls(calls.begin(), calls.begin() + 4) == start)
         << "the dialog starts calculating, before the request goes out";
@@ -286,5 +279,24 @@ TEST(OperationThread, ADialogThatCannotBeMadeStopsTheOperationBeforeTheRequest)
     EXPECT_EQ("File Operation Error", seen[0].caption);
     EXPECT_EQ("Create Progress Dialog Failed", seen[0].text);
     ASSERT_TRUE(service.WaitForSessions(1, WORKER_TIME_LIMIT)) << "the client closed without a request";
+    EXPECT_TRUE(service.Received().empty());
+}
+
+// A request past the size limit is never sent, so the service never hears of the operation and nothing it
+// could send would belong to it: the operation ends as after a broken pipe instead of waiting for ever.
+TEST(OperationThread, ARequestPastTheLimitEndsTheOperation)
+{
+    TestSupport::ProgressDialogRegistration dialogs;
+    Text key = UniqueKey(TEXT("worker-test"));
+    FakeService service(key.c_str(), Script("send 21 4 1 1\n"));
+    ASSERT_TRUE(service.Start());
+    OperationJob* job = NewJob(key);
+    // 349,504 characters of three UTF-8 bytes each pass the limit even with the other strings empty.
+    job->m_sourceList = Text(349504, static_cast<WCHAR>(0x6F22)).c_str();
+
+    EXPECT_EQ(0u, Worker(job).Finish());
+
+    EXPECT_EQ(Calls({"StopProgressDialog"}), CallsAfterStart(dialogs.journal));
+    ASSERT_TRUE(service.WaitForSessions(1, WORKER_TIME_LIMIT));
     EXPECT_TRUE(service.Received().empty());
 }

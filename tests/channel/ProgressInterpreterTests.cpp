@@ -73,7 +73,7 @@ TEST_F(ProgressInterpreterTest, WorkedSequenceOfACopy)
     m_journal.Clear();
 
     EXPECT_NE(0, Handle(Message(21, 3, {1, 4096, 2, 8192}, SOURCE_A, TARGET_A)));
-    EXPECT_EQ(Calls({"UpdateLocations C:\\windows C:\\windows\\fonts C:\\windows",
+    EXPECT_EQ(Calls({"UpdateLocations c:\\windows c:\\windows\\fonts c:\\windows",
                      "UpdateProgress 500 1000 4096 8192 1 2"}),
               m_journal.Calls());
     m_journal.Clear();
@@ -216,7 +216,7 @@ TEST_F(ProgressInterpreterTest, LocationsChangeAtMostOnceASecond)
 
     TestSupport::AdvanceClock(1); // 1000 ms after the last refresh
     Handle(Message(21, 3, {3, 30, 4, 100}, SOURCE_B, TARGET_A));
-    EXPECT_EQ(Calls({"UpdateLocations C:\\windows\\system32 C:\\windows\\fonts C:\\windows\\system32",
+    EXPECT_EQ(Calls({"UpdateLocations c:\\windows\\system32 c:\\windows\\fonts c:\\windows\\system32",
                      "UpdateProgress 300 1000 30 100 3 4"}),
               m_journal.Calls());
     m_journal.Clear();
@@ -230,7 +230,7 @@ TEST_F(ProgressInterpreterTest, LocationsChangeAtMostOnceASecond)
 TEST_F(ProgressInterpreterTest, OnlyAChangedTargetKeepsTheSourceItem)
 {
     Handle(Message(21, 3, {1, 10, 4, 100}, SOURCE_A, nullptr));
-    EXPECT_EQ("UpdateLocations C:\\windows - C:\\windows", m_journal.Calls().front()); // no target named yet
+    EXPECT_EQ("UpdateLocations c:\\windows - c:\\windows", m_journal.Calls().front()); // no target named yet
     IShellItem* sourceItem = m_job->m_sourceItem;
     ASSERT_TRUE(sourceItem);
     m_journal.Clear();
@@ -239,7 +239,7 @@ TEST_F(ProgressInterpreterTest, OnlyAChangedTargetKeepsTheSourceItem)
     Handle(Message(21, 3, {2, 20, 4, 100}, nullptr, TARGET_A));
     EXPECT_EQ(sourceItem, m_job->m_sourceItem);
     EXPECT_TRUE(m_job->m_currentSource == SOURCE_A);
-    EXPECT_EQ("UpdateLocations C:\\windows C:\\windows\\fonts C:\\windows", m_journal.Calls().front());
+    EXPECT_EQ("UpdateLocations c:\\windows c:\\windows\\fonts c:\\windows", m_journal.Calls().front());
 }
 
 TEST_F(ProgressInterpreterTest, AnItemThatCannotBeMadeIsNotTriedAgain)

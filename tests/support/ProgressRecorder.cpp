@@ -42,6 +42,12 @@ std::string ItemPath(IShellItem* item)
         return "?";
     std::string path = Narrow(name);
     CoTaskMemFree(name);
+    // The shell spells an item's path as the file system does, whatever spelling it was parsed from
+    // (C:\Windows\Fonts on Windows, C:\windows\Fonts under Wine for "C:\windows\fonts"): compared in lower
+    // case.
+    for (char& c : path)
+        if (c >= 'A' && c <= 'Z')
+            c = static_cast<char>(c - 'A' + 'a');
     return path;
 }
 

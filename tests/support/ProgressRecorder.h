@@ -13,8 +13,8 @@
 namespace TestSupport
 {
 // Shared by every dialog a recorder makes: the calls in order, one text line each ("SetOperation 7",
-// "UpdateProgress 500 1000 4096 8192 1 2", "UpdateLocations C:\a C:\b C:\a" with "-" for a null item).
-// GetOperationStatus is counted, not listed.
+// "UpdateProgress 500 1000 4096 8192 1 2", "UpdateLocations c:\a c:\b c:\a" with "-" for a null item, paths
+// in lower case). GetOperationStatus is counted, not listed.
 class ProgressJournal
 {
 public:
@@ -55,7 +55,7 @@ private:
     bool m_leaveApartment = false;
 };
 
-// The path a shell item stands for, in UTF-8 ("?" if it has none).
+// The path a shell item stands for, in UTF-8 and ASCII lower case ("?" if it has none).
 std::string ItemPath(IShellItem* item);
 // UTF-16 text as UTF-8, and back.
 std::string Narrow(LPCWSTR text);
