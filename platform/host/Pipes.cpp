@@ -1,5 +1,7 @@
 #include "platform/host/Pipes.h"
 
+#include "platform/host/ControlPipes.h"
+
 #include "platform/host/Files.h" // GENERIC_READ, GENERIC_WRITE
 #include "platform/host/HandleTable.h"
 #include "platform/host/Kernel.h"
@@ -126,6 +128,20 @@ struct Listener
         unlink(path.c_str());
     }
 };
+
+// Writes that fail on purpose (ControlPipes.h): how many more, and with which error.
+std::mutex g_failedWritesLock;
+DWORD g_failedWrites = 0;
+DWORD g_failedWriteError = 0;
+
+DWORD TakeFailedWrite()
+{
+    std::lock_guard<std::mutex> guard(g_failedWritesLock);
+    if (g_failedWrites == 0)
+        return 0;
+    --g_failedWrites;
+    return g_failedWriteError;
+}
 
 std::mutex g_listenersLock;
 std::map<std::string, std::weak_ptr<Listener>> g_listeners;
@@ -276,6 +292,8 @@ public:
     {
         if (!(m_access & GENERIC_WRITE))
             return Fail(ERROR_ACCESS_DENIED);
+        if (DWORD error = TakeFailedWrite())
+            return Fail(error);
         int fd;
         if (DWORD error = NotConnectedError(fd))
             return Fail(error);
@@ -577,4 +595,11 @@ HANDLE VmHostOpenPipeClient(LPCWSTR name, DWORD desiredAccess, DWORD, LPSECURITY
     pipe->m_fd = fd;
     pipe->m_state = PipeState::Connected;
     return VmHost::AddHandle(std::move(pipe));
+}
+
+void VmHostFailPipeWrites(DWORD error, DWORD count)
+{
+    std::lock_guard<std::mutex> guard(g_failedWritesLock);
+    g_failedWrites = count;
+    g_failedWriteError = error;
 }

@@ -228,3 +228,21 @@ TEST_F(PipeClientTest, AnOverLimitMessageIsNotSentAtAll)
     EXPECT_NE(0, SendCancel(m_client));
     EXPECT_EQ(64u, m_server.Receive().size()) << "the first message the service gets is the cancel";
 }
+
+#ifndef _WIN32 // a real pipe cannot be made to answer a synchronous write with ERROR_IO_PENDING
+#include "platform/host/ControlPipes.h"
+
+// Only ERROR_IO_PENDING counts as written; any other failed write breaks the connection.
+TEST_F(PipeClientTest, AFailedWriteBreaksTheClientUnlessItIsPending)
+{
+    VmHostFailPipeWrites(ERROR_IO_PENDING, 1);
+    EXPECT_EQ(1, SendCancel(m_client));
+    EXPECT_EQ(1, m_client.IsOpen());
+    VmHostFailPipeWrites(ERROR_NO_DATA, 1);
+    EXPECT_EQ(0, SendCancel(m_client));
+    EXPECT_EQ(0, m_client.IsOpen());
+    EXPECT_NE(0, SendCancel(m_client)) << "a Broken client still writes: only IsOpen tells";
+    EXPECT_EQ(0, m_client.IsOpen());
+    EXPECT_EQ(64u, m_server.Receive().size());
+}
+#endif
