@@ -83,6 +83,20 @@ public:
 //   static void FinalRelease(T& object);         gives back what the object holds, before its members go
 template <class T> struct ComClassTraits;
 
+// The last Release of an apartment object deletes it under one more lock, so that the module's count stays
+// above zero while the members are torn down.
+template <class Object> ULONG ReleaseApartmentObject(Object* object)
+{
+    ULONG count = object->InternalRelease();
+    if (count == 0)
+    {
+        g_module->Lock();
+        delete object;
+        g_module->Unlock();
+    }
+    return count;
+}
+
 // Creation and teardown of an apartment object hold the module: one lock from construction to destruction,
 // and one more around the deletion itself so that the count stays above zero while members are torn down.
 template <class Base> class CComObject : public Base, public CComObjectRootEx<CComSingleThreadModel>
@@ -103,17 +117,7 @@ public:
         return InternalQueryInterface(static_cast<Base*>(this), ComClassTraits<Base>::Entries(), iid, out);
     }
     ULONG STDMETHODCALLTYPE AddRef() override { return InternalAddRef(); }
-    ULONG STDMETHODCALLTYPE Release() override
-    {
-        ULONG count = InternalRelease();
-        if (count == 0)
-        {
-            g_module->Lock();
-            delete this;
-            g_module->Unlock();
-        }
-        return count;
-    }
+    ULONG STDMETHODCALLTYPE Release() override { return ReleaseApartmentObject(this); }
 };
 
 // The inner object of an aggregate: its IUnknown is the outer unknown's.
@@ -168,17 +172,7 @@ public:
         return m_contained.InnerQueryInterface(iid, out);
     }
     ULONG STDMETHODCALLTYPE AddRef() override { return InternalAddRef(); }
-    ULONG STDMETHODCALLTYPE Release() override
-    {
-        ULONG count = InternalRelease();
-        if (count == 0)
-        {
-            g_module->Lock();
-            delete this;
-            g_module->Unlock();
-        }
-        return count;
-    }
+    ULONG STDMETHODCALLTYPE Release() override { return ReleaseApartmentObject(this); }
 
     CComContainedObject<Contained> m_contained;
 };

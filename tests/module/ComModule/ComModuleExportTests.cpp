@@ -1,6 +1,7 @@
 // The module as the COM runtime sees it: the library loaded through the loader, its class object reached
 // through DllGetClassObject, the lock count read through DllCanUnloadNow (S_OK exactly when it is 0).
 #include "module/ComModule.h"
+#include "tests/module/ComModule/LibraryPath.h"
 
 #include <gtest/gtest.h>
 
@@ -21,18 +22,6 @@ const CLSID CLSID_Unknown = {0x2A3A4BEF, 0x0C31, 0x4B8F, {0x8A, 0x4B, 0x4D, 0x46
 // The type library's interface: described, never answered.
 const IID IID_IVelmountCopyMoveExtension = {
     0x52BA795F, 0xD7D2, 0x49FE, {0xAD, 0xE6, 0x80, 0xBC, 0x43, 0x40, 0xA0, 0x8C}};
-
-std::basic_string<WCHAR> LibraryPath()
-{
-    WCHAR program[MAX_PATH * 4];
-    DWORD length = GetModuleFileNameW(nullptr, program, MAX_PATH * 4);
-    std::basic_string<WCHAR> path(program, length);
-    size_t slash = path.find_last_of(TEXT("\\/"));
-    path.resize(slash + 1);
-    for (const char* at = VELMOUNT_LIBRARY_FROM_TEST; *at; ++at)
-        path.push_back(*at == '/' ? path[slash] : static_cast<WCHAR>(*at));
-    return path;
-}
 
 template <class Entry> Entry Export(HMODULE library, const char* name)
 {
@@ -61,7 +50,7 @@ class ComModuleExports : public ::testing::Test
 protected:
     void SetUp() override
     {
-        m_library = LoadLibraryW(LibraryPath().c_str());
+        m_library = LoadLibraryW(TestLibraryPath().c_str());
         ASSERT_NE(nullptr, m_library) << "error " << GetLastError();
         m_getClassObject = Export<GetClassObjectEntry>(m_library, "DllGetClassObject");
         m_canUnloadNow = Export<CanUnloadNowEntry>(m_library, "DllCanUnloadNow");
