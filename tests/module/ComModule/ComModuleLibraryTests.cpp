@@ -100,7 +100,7 @@ TEST_F(ComModuleLibrary, ResourcesNameTheClassAndLibraryTheCodeAnswersTo)
     auto bytes = static_cast<const char*>(LockResource(LoadResource(m_library, found)));
     ASSERT_NE(nullptr, bytes);
     std::string script(bytes, SizeofResource(m_library, found));
-    // The class key and the eight handler keys (*, Directory\\BackGround, and two each under Directory,
+    // The class key and the eight handler keys (*, Directory\BackGround, and two each under Directory,
     // Folder and Drive).
     EXPECT_EQ(9, Occurrences(script, LowerGuidText(CLSID_VelmountCopyMoveExtension)));
 
