@@ -227,7 +227,11 @@ HRESULT AddModuleReplacements(IRegistrarBase* registrar)
     return g_module->AddCommonReplacements(registrar);
 }
 
-// Work that outlives its COM object (the operation worker) counts in the same lock as a living object.
+// Work that outlives its COM object (the operation worker) counts in the same lock as a living object, from
+// before its thread is created until its last instruction in this library (ModuleLock.h). The unload rule
+// thus stays the one rule, "the count is 0", and a host that polls DllCanUnloadNow never frees the code
+// under a running worker; a loader reference that the worker drops in FreeLibraryAndExitThread covers the
+// instructions after its last ModuleLockRelease.
 LONG ModuleLockAcquire()
 {
     return g_module->Lock();

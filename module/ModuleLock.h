@@ -3,13 +3,12 @@
 //
 // While such work runs, the library must stay loaded: the host unloads an in-process server once
 // DllCanUnloadNow answers S_OK, and frees it at any time after that. So a worker counts in the module's lock
-// for as long as it runs, exactly as a living extension object does:
+// for as long as it runs, exactly as a living extension object does.
 //
-//   starter (before CreateThread):  ModuleLockAcquire();  if the thread can't be created:
-//   ModuleLockRelease(); worker (its last act):          ModuleLockRelease();  then leave without returning
-//   into this library's
-//                                   code, e.g. FreeLibraryAndExitThread on a loader reference taken with
-//                                   GetModuleHandleExW(GET_MODULE_HANDLE_EX_FLAG_FROM_ADDRESS, ...).
+// The starter calls ModuleLockAcquire before CreateThread, and ModuleLockRelease itself if the thread can't
+// be created. The worker calls ModuleLockRelease as its last act and then leaves without returning into this
+// library's code: FreeLibraryAndExitThread on a loader reference it took at its start with
+// GetModuleHandleExW(GET_MODULE_HANDLE_EX_FLAG_FROM_ADDRESS, ...).
 //
 // Taking the lock before the thread exists closes the gap in which the object that started the work has been
 // released, the thread hasn't run yet, and DllCanUnloadNow would already say S_OK. The loader reference
