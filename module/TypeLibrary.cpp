@@ -55,13 +55,14 @@ HRESULT LoadModuleTypeLibrary(HINSTANCE module, LPCOLESTR index, BSTR* path, ITy
         return HresultFromWin32(ERROR_INSUFFICIENT_BUFFER);
     file[length] = 0;
 
-    // The last dot of the file name; a dot in a folder's name doesn't count.
+    // The last dot of the file name; a dot in a folder's name doesn't count. The system's paths separate
+    // folders with '\\'; '/', which Windows accepts as well, is the separator of the host build's paths.
     LPWSTR extension = nullptr;
     for (LPWSTR at = file; *at; at = CharNextW(at))
     {
         if (*at == '.')
             extension = at;
-        else if (*at == '\\')
+        else if (*at == '\\' || *at == '/')
             extension = nullptr;
     }
     if (!extension)

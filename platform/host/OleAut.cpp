@@ -376,8 +376,33 @@ bool HostTypeLib::Parse(const std::vector<BYTE>& data)
     return true;
 }
 
+// A host path, as the loader hands out for libraries outside the mapped drives (GetModuleFileNameW).
+bool ReadHostFileBytes(LPCOLESTR path, std::vector<BYTE>& out)
+{
+    std::string host;
+    for (const OLECHAR* at = path; *at; ++at)
+    {
+        if (*at >= 0x80)
+            return false; // the loader's host paths of this build are ASCII
+        host += static_cast<char>(*at);
+    }
+    FILE* file = std::fopen(host.c_str(), "rb");
+    if (!file)
+        return false;
+    out.clear();
+    BYTE chunk[4096];
+    size_t read = 0;
+    while ((read = std::fread(chunk, 1, sizeof(chunk), file)) > 0 && out.size() <= (64u << 20))
+        out.insert(out.end(), chunk, chunk + read);
+    const bool ok = !std::ferror(file) && out.size() <= (64u << 20);
+    std::fclose(file);
+    return ok;
+}
+
 bool ReadFileBytes(LPCOLESTR path, std::vector<BYTE>& out)
 {
+    if (path[0] == '/')
+        return ReadHostFileBytes(path, out);
     HANDLE file = CreateFileW(path, GENERIC_READ, FILE_SHARE_READ, nullptr, OPEN_EXISTING, 0, nullptr);
     if (file == INVALID_HANDLE_VALUE)
         return false;

@@ -2,7 +2,7 @@
 // under Windows and Wine) in a folder of the test's own, loaded with LoadLibraryW and driven through its
 // exports. The footprint is read back through the registry API and compared entry by entry.
 #include "module/ComModule.h"
-#include "tests/module/RegistryDump.h"
+#include "tests/module/LibraryCopy.h"
 
 #ifndef _WIN32
 #include "platform/host/ControlSystem.h"
@@ -21,8 +21,9 @@ namespace
 namespace fs = std::filesystem;
 typedef std::vector<std::string> Lines;
 
-const std::string CLASS_ID = "{7031db56-aef0-4a42-b4c9-bfdf2abe4765}";
-const WCHAR CLASS_KEY[] = TEXT("CLSID\\{7031db56-aef0-4a42-b4c9-bfdf2abe4765}");
+// The class id as the footprint must show it everywhere: the text of the product's GUID constant.
+const std::string CLASS_ID = GuidText(CLSID_VelmountCopyMoveExtension);
+const WText CLASS_KEY = TEXT("CLSID\\") + Widen(CLASS_ID);
 const WCHAR APPROVED[] = TEXT("Software\\Microsoft\\Windows\\CurrentVersion\\Shell Extensions\\Approved");
 const WCHAR TYPE_LIBRARY_KEY[] = TEXT("TypeLib\\{F9F6B9EC-8D85-45A4-96C5-B13AE720EDD2}");
 const WCHAR INTERFACE_KEY[] = TEXT("Interface\\{52BA795F-D7D2-49FE-ADE6-80BC4340A08C}");
@@ -43,66 +44,24 @@ const WCHAR* const HANDLER_KEYS[] = {
 // The top keys of the classes root that the script names; a test deletes the ones it created.
 const WCHAR* const TOP_KEYS[] = {TEXT("CLSID"), TEXT("*"), TEXT("Directory"), TEXT("Folder"), TEXT("Drive")};
 
-WText PathText(const fs::path& path)
-{
-#ifdef _WIN32
-    return path.wstring();
-#else
-    return path.u16string();
-#endif
-}
-
 typedef HRESULT(WINAPI* ServerFunction)();
 typedef HRESULT(WINAPI* InstallFunction)(BOOL install, LPCWSTR commandLine);
 
-template <typename Function> Function Export(HMODULE module, const char* name)
-{
-    return reinterpret_cast<Function>(reinterpret_cast<void (*)()>(GetProcAddress(module, name)));
-}
-
-// A private copy of the library under `relative` (folders and file name) in a fresh temporary folder. Each
-// copy is a library of its own, with its own per-user flag.
-class LibraryCopy
+// A copy of the real library, driven through its registration exports.
+class ProductCopy : public LibraryCopy
 {
 public:
-    explicit LibraryCopy(const fs::path& relative)
+    explicit ProductCopy(const fs::path& folder) : LibraryCopy(VELMOUNT_LIBRARY_FILE, folder / LibraryName())
     {
-        static std::atomic<int> counter{0};
-        m_root = fs::temp_directory_path() /
-                 ("vm-reg-" + std::to_string(GetCurrentProcessId()) + "-" + std::to_string(1000 + ++counter));
-        fs::path file = m_root / relative;
-        fs::create_directories(file.parent_path());
-        fs::copy_file(VELMOUNT_LIBRARY_FILE, file, fs::copy_options::overwrite_existing);
-        m_module = LoadLibraryW(PathText(file).c_str());
-        if (!m_module)
-            return;
-        WCHAR loaded[1024] = {};
-        GetModuleFileNameW(m_module, loaded, 1024);
-        m_path = Narrow(loaded);
     }
-    ~LibraryCopy()
-    {
-        if (m_module)
-            FreeLibrary(m_module);
-        std::error_code ignored;
-        fs::remove_all(m_root, ignored);
-    }
-    LibraryCopy(const LibraryCopy&) = delete;
-    LibraryCopy& operator=(const LibraryCopy&) = delete;
+    static fs::path LibraryName() { return fs::path(VELMOUNT_LIBRARY_FILE).filename(); }
 
-    bool Loaded() const { return m_module != nullptr; }
-    const std::string& Path() const { return m_path; }
-    HRESULT Register() const { return Export<ServerFunction>(m_module, "DllRegisterServer")(); }
-    HRESULT Unregister() const { return Export<ServerFunction>(m_module, "DllUnregisterServer")(); }
+    HRESULT Register() const { return Export<ServerFunction>("DllRegisterServer")(); }
+    HRESULT Unregister() const { return Export<ServerFunction>("DllUnregisterServer")(); }
     HRESULT Install(BOOL install, LPCWSTR commandLine) const
     {
-        return Export<InstallFunction>(m_module, "DllInstall")(install, commandLine);
+        return Export<InstallFunction>("DllInstall")(install, commandLine);
     }
-
-private:
-    fs::path m_root;
-    HMODULE m_module = nullptr;
-    std::string m_path;
 };
 
 // What the scripts leave under a classes key (machine's or user's), prefixed with each key's path.
@@ -120,7 +79,7 @@ Lines ScriptFootprint(HKEY root)
 
 Lines ExpectedFootprint(const std::string& libraryPath)
 {
-    const std::string classKey = Narrow(CLASS_KEY);
+    const std::string classKey = Narrow(CLASS_KEY.c_str());
     Lines lines = {
         classKey,
         classKey + " : @ = SZ:Velmount.CopyMove Extension",
@@ -228,7 +187,7 @@ protected:
     }
 
     // The footprint of a registration in one mode, and nothing of the scripts in the other.
-    void ExpectRegistered(const LibraryCopy& library, bool perUser)
+    void ExpectRegistered(const ProductCopy& library, bool perUser)
     {
         EXPECT_EQ(ExpectedFootprint(library.Path()),
                   ScriptFootprint(perUser ? HKEY_CURRENT_USER : HKEY_LOCAL_MACHINE));
@@ -257,7 +216,7 @@ protected:
 
 TEST_F(RegistrationTest, PerMachineFootprintComesAndGoes)
 {
-    LibraryCopy library(fs::path("Velmount") / fs::path(VELMOUNT_LIBRARY_FILE).filename());
+    ProductCopy library("Velmount");
     ASSERT_TRUE(library.Loaded());
 
     ASSERT_EQ(S_OK, library.Register());
@@ -277,7 +236,7 @@ TEST_F(RegistrationTest, PerMachineFootprintComesAndGoes)
 
 TEST_F(RegistrationTest, PerUserFootprintThroughTheInstallSwitch)
 {
-    LibraryCopy library(fs::path("Velmount") / fs::path(VELMOUNT_LIBRARY_FILE).filename());
+    ProductCopy library("Velmount");
     ASSERT_TRUE(library.Loaded());
 
     ASSERT_EQ(S_OK, library.Install(TRUE, TEXT("user")));
@@ -304,7 +263,7 @@ TEST_F(RegistrationTest, OnlyTheWholeWordSwitchesToPerUser)
     for (const SwitchCase& test : cases)
     {
         const std::string what = test.commandLine ? "\"" + Narrow(test.commandLine) + "\"" : "null";
-        LibraryCopy library(fs::path("Switch") / fs::path(VELMOUNT_LIBRARY_FILE).filename());
+        ProductCopy library("Switch");
         ASSERT_TRUE(library.Loaded());
         ASSERT_EQ(S_OK, library.Install(TRUE, test.commandLine)) << what;
         EXPECT_EQ(test.perUser, KeyExists(HKEY_CURRENT_USER, (USER_CLASSES + WText(CLASS_KEY)).c_str()))
@@ -322,7 +281,7 @@ TEST_F(RegistrationTest, OnlyTheWholeWordSwitchesToPerUser)
 
 TEST_F(RegistrationTest, AnUnknownSubkeyKeepsItsKeyAndAncestors)
 {
-    LibraryCopy library(fs::path("Velmount") / fs::path(VELMOUNT_LIBRARY_FILE).filename());
+    ProductCopy library("Velmount");
     ASSERT_TRUE(library.Loaded());
     ASSERT_EQ(S_OK, library.Register());
     const WText inproc = MACHINE_CLASSES + WText(CLASS_KEY) + TEXT("\\InprocServer32");
@@ -330,7 +289,7 @@ TEST_F(RegistrationTest, AnUnknownSubkeyKeepsItsKeyAndAncestors)
 
     ASSERT_EQ(S_OK, library.Unregister());
     // The script's values go; the keys stay, and with them their default values.
-    const std::string classKey = Narrow(CLASS_KEY);
+    const std::string classKey = Narrow(CLASS_KEY.c_str());
     EXPECT_EQ(
         (Lines{classKey, classKey + " : @ = SZ:Velmount.CopyMove Extension", classKey + "\\InprocServer32",
                classKey + "\\InprocServer32 : @ = SZ:" + library.Path(),
@@ -341,7 +300,7 @@ TEST_F(RegistrationTest, AnUnknownSubkeyKeepsItsKeyAndAncestors)
 
 TEST_F(RegistrationTest, ARefusedApprovedListWritesNothing)
 {
-    LibraryCopy library(fs::path("Velmount") / fs::path(VELMOUNT_LIBRARY_FILE).filename());
+    ProductCopy library("Velmount");
     ASSERT_TRUE(library.Loaded());
     // A missing list counts as a refusal, and the list isn't created.
     DeleteTree(HKEY_LOCAL_MACHINE, APPROVED);
@@ -361,7 +320,7 @@ TEST_F(RegistrationTest, ARefusedApprovedListWritesNothing)
 
 TEST_F(RegistrationTest, AnApostropheInThePathReachesTheRegistryOnce)
 {
-    LibraryCopy library(fs::path("It's Velmount") / fs::path(VELMOUNT_LIBRARY_FILE).filename());
+    ProductCopy library("It's Velmount");
     ASSERT_TRUE(library.Loaded());
     ASSERT_NE(std::string::npos, library.Path().find("It's Velmount"));
     ASSERT_EQ(S_OK, library.Register());
@@ -373,15 +332,12 @@ TEST_F(RegistrationTest, AnApostropheInThePathReachesTheRegistryOnce)
 TEST_F(RegistrationTest, APathOf260CharactersIsTooLong)
 {
     // The library's full path, as the loader reports it, is padded to exactly 260 characters.
-    const fs::path name = fs::path(VELMOUNT_LIBRARY_FILE).filename();
-    LibraryCopy probe(fs::path("p") / name);
+    const size_t name = ProductCopy::LibraryName().string().size();
+    ProductCopy probe("p");
     ASSERT_TRUE(probe.Loaded());
-    const size_t root = probe.Path().size() - name.string().size() - 3; // the folder "p" and two separators
-    const size_t padding = 260 - root - 3 - name.string().size();
-    const fs::path relative =
-        fs::path(std::string(padding / 2, 'a')) / std::string(padding - padding / 2, 'b') / name;
-
-    LibraryCopy library(relative);
+    const size_t root = probe.Path().size() - name - 3; // the folder "p" and two separators
+    const size_t padding = 260 - root - 3 - name;
+    ProductCopy library(fs::path(std::string(padding / 2, 'a')) / std::string(padding - padding / 2, 'b'));
     ASSERT_TRUE(library.Loaded());
     ASSERT_EQ(260u, library.Path().size()) << library.Path();
     EXPECT_EQ(HRESULT(0x8007007A), library.Register());
@@ -392,7 +348,7 @@ TEST_F(RegistrationTest, APathOf260CharactersIsTooLong)
 // The shell's notifications can only be watched through the stand-in.
 TEST_F(RegistrationTest, TheShellHearsOfASuccessfulRegistrationOnly)
 {
-    LibraryCopy library(fs::path("Velmount") / fs::path(VELMOUNT_LIBRARY_FILE).filename());
+    ProductCopy library("Velmount");
     ASSERT_TRUE(library.Loaded());
     ASSERT_EQ(S_OK, library.Register());
     VmHostShellChange last = {};
@@ -406,6 +362,41 @@ TEST_F(RegistrationTest, TheShellHearsOfASuccessfulRegistrationOnly)
     EXPECT_EQ(E_ACCESSDENIED, library.Register());
     EXPECT_EQ(E_ACCESSDENIED, library.Install(TRUE, nullptr));
     EXPECT_EQ(1u, VmHostShellChangeCount(nullptr)) << "unregistration and failures notify nobody";
+}
+#endif
+#ifdef _WIN32
+// regsvr32 is Windows' own tool; the host has no such program.
+DWORD RunRegsvr32(const std::string& switches, const ProductCopy& library)
+{
+    WText command =
+        TEXT("regsvr32.exe ") + Widen(switches) + TEXT(" \"") + Widen(library.Path()) + TEXT("\"");
+    STARTUPINFOW startup = {};
+    startup.cb = sizeof(startup);
+    PROCESS_INFORMATION process = {};
+    if (!CreateProcessW(nullptr, &command[0], nullptr, nullptr, FALSE, 0, nullptr, nullptr, &startup,
+                        &process))
+        return GetLastError();
+    DWORD code = WAIT_TIMEOUT;
+    if (WaitForSingleObject(process.hProcess, 60000) == WAIT_OBJECT_0)
+        GetExitCodeProcess(process.hProcess, &code);
+    CloseHandle(process.hThread);
+    CloseHandle(process.hProcess);
+    return code;
+}
+
+TEST_F(RegistrationTest, Regsvr32LeavesTheFootprintInBothModes)
+{
+    ProductCopy library("Tool");
+    ASSERT_TRUE(library.Loaded());
+    ASSERT_EQ(0u, RunRegsvr32("/s", library));
+    ExpectRegistered(library, false);
+    ASSERT_EQ(0u, RunRegsvr32("/s /u", library));
+    ExpectUnregistered(false);
+
+    ASSERT_EQ(0u, RunRegsvr32("/s /n /i:user", library));
+    ExpectRegistered(library, true);
+    ASSERT_EQ(0u, RunRegsvr32("/s /u /n /i:user", library));
+    ExpectUnregistered(true);
 }
 #endif
 } // namespace

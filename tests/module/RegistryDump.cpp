@@ -11,6 +11,16 @@ std::string Narrow(const WCHAR* text)
     return out;
 }
 
+std::string GuidText(const GUID& guid)
+{
+    char text[40];
+    std::snprintf(text, sizeof(text), "{%08lx-%04x-%04x-%02x%02x-%02x%02x%02x%02x%02x%02x}",
+                  static_cast<unsigned long>(guid.Data1), guid.Data2, guid.Data3, guid.Data4[0],
+                  guid.Data4[1], guid.Data4[2], guid.Data4[3], guid.Data4[4], guid.Data4[5], guid.Data4[6],
+                  guid.Data4[7]);
+    return text;
+}
+
 WText Widen(const std::string& text)
 {
     return WText(text.begin(), text.end());

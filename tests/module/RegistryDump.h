@@ -10,6 +10,8 @@
 typedef std::basic_string<WCHAR> WText;
 
 std::string Narrow(const WCHAR* text);
+// "{xxxxxxxx-xxxx-xxxx-xxxx-xxxxxxxxxxxx}" in lower case, as the registry scripts write a GUID.
+std::string GuidText(const GUID& guid);
 WText Widen(const std::string& text);
 
 // Every key and value below `path` (the key itself included), one line each, sorted:
