@@ -1,11 +1,13 @@
 #include "platform/host/ShellItems.h"
 
+#include "platform/host/ControlFiles.h"
 #include "platform/host/ControlProgress.h"
 #include "platform/host/Kernel.h"
 
 #include <atomic>
 #include <cstring>
 #include <string>
+#include <sys/stat.h>
 
 namespace
 {
@@ -81,6 +83,47 @@ public:
 private:
     std::atomic<ULONG> m_references{1};
 };
+
+// The shell makes items only of what is there, and spells their paths as the file system does, the drive
+// letter in capitals ("c:\windows\fonts" gives C:\Windows\Fonts). So it is on a drive the stand-in maps; a
+// drive it does not map is taken to hold every path, spelled as given.
+HRESULT SpellAsOnDisk(PCWSTR path, std::u16string& spelled)
+{
+    spelled = path;
+    WCHAR letter = path[0] >= u'a' && path[0] <= u'z' ? static_cast<WCHAR>(path[0] - 32) : path[0];
+    if (letter < u'A' || letter > u'Z' || path[1] != u':')
+        return S_OK;
+    const WCHAR rootName[] = {letter, u':', u'\\', 0};
+    char root[4096], host[4096];
+    if (!VmHostTranslatePath(rootName, root, sizeof root))
+        return S_OK;
+    struct stat info;
+    if (!VmHostTranslatePath(path, host, sizeof host) || stat(host, &info) != 0)
+        return HRESULT_FROM_WIN32(ERROR_FILE_NOT_FOUND);
+    std::string tail = host + std::strlen(root);
+    spelled.assign({letter, u':', u'\\'});
+    size_t at = 0;
+    while (at < tail.size())
+    {
+        size_t end = tail.find('/', at);
+        if (end == std::string::npos)
+            end = tail.size();
+        if (end > at)
+        {
+            if (spelled.size() > 3)
+                spelled += u'\\';
+            int size =
+                MultiByteToWideChar(CP_UTF8, 0, tail.data() + at, static_cast<int>(end - at), nullptr, 0);
+            std::u16string part(static_cast<size_t>(size > 0 ? size : 0), u'\0');
+            if (size > 0)
+                MultiByteToWideChar(CP_UTF8, 0, tail.data() + at, static_cast<int>(end - at), part.data(),
+                                    size);
+            spelled += part;
+        }
+        at = end + 1;
+    }
+    return S_OK;
+}
 } // namespace
 
 HRESULT SHCreateItemFromParsingName(PCWSTR path, IBindCtx*, REFIID iid, void** item)
@@ -93,7 +136,10 @@ HRESULT SHCreateItemFromParsingName(PCWSTR path, IBindCtx*, REFIID iid, void** i
     for (PCWSTR c = path; *c; ++c)
         if (*c == u'<' || *c == u'>' || *c == u'|' || *c == u'"' || *c == u'*' || *c == u'?')
             return HRESULT_FROM_WIN32(ERROR_INVALID_NAME);
-    PathItem* made = new PathItem(path);
+    std::u16string spelled;
+    if (HRESULT missing = SpellAsOnDisk(path, spelled); missing != S_OK)
+        return missing;
+    PathItem* made = new PathItem(spelled);
     HRESULT hr = made->QueryInterface(iid, item);
     made->Release();
     return hr;

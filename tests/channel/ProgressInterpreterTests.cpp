@@ -1,5 +1,6 @@
 #include "channel/ProgressInterpreter.h"
 
+#include "tests/support/ManagedDrive.h"
 #include "tests/support/ProgressRecorder.h"
 #include "tests/support/TestClock.h"
 
@@ -261,4 +262,22 @@ TEST_F(ProgressInterpreterTest, TheFirstReportAlwaysRefreshesTheLocations)
     ASSERT_EQ(2u, m_journal.Calls().size());
     EXPECT_EQ(0u, m_journal.Calls()[0].rfind("UpdateLocations", 0));
     EXPECT_NE(0u, m_job->m_lastUpdateTick);
+}
+
+// The shell makes items only of what is there, spelled as the file system spells it; a path that gives no
+// item is still remembered, so it is not tried again.
+TEST_F(ProgressInterpreterTest, ItemsAreMadeOnlyForWhatIsThere)
+{
+    TestSupport::ManagedDrive drive(TEXT('Q'));
+    drive.MakeFolder(TEXT("Src"));
+    Handle(Message(21, 3, {1, 10, 4, 100}, TEXT("q:\\src"), TEXT("Q:\\Missing")));
+    ASSERT_TRUE(m_job->m_sourceItem);
+    EXPECT_FALSE(m_job->m_targetItem);
+    EXPECT_TRUE(m_job->m_currentTarget == TEXT("Q:\\Missing"));
+    LPWSTR spelled = nullptr;
+    ASSERT_EQ(S_OK, m_job->m_sourceItem->GetDisplayName(SIGDN_FILESYSPATH, &spelled));
+    EXPECT_EQ("Q:\\Src", TestSupport::Narrow(spelled));
+    CoTaskMemFree(spelled);
+    EXPECT_EQ(Calls({"UpdateLocations q:\\src - q:\\src", "UpdateProgress 100 1000 10 100 1 4"}),
+              m_journal.Calls());
 }

@@ -259,6 +259,30 @@ bool FakeService::Poll(HANDLE pipe, int session)
     }
 }
 
+namespace
+{
+// Control characters (the newlines that end each path of a list, above all) as escapes, so that one field
+// stays on one line.
+std::string Printable(const std::string& text)
+{
+    std::string shown;
+    for (char c : text)
+    {
+        if (c == '\n')
+            shown += "\\n";
+        else if (static_cast<unsigned char>(c) < 0x20)
+        {
+            char escape[8];
+            std::snprintf(escape, sizeof escape, "\\x%02X", static_cast<unsigned char>(c));
+            shown += escape;
+        }
+        else
+            shown += c;
+    }
+    return shown;
+}
+} // namespace
+
 std::string DescribeMessage(const ReceivedMessage& received)
 {
     std::string text = "session " + std::to_string(received.session) + ", " +
@@ -267,9 +291,9 @@ std::string DescribeMessage(const ReceivedMessage& received)
     {
         const ServiceMessage& message = received.message;
         text += ": kind " + std::to_string(message.kind) + " phase " + std::to_string(message.phase) +
-                " reserved " + std::to_string(message.reserved) + "\n  source [" + message.source +
-                "]\n  target [" + message.target + "]\n  drives [" + message.drives + "]\n  spare [" +
-                message.spare + "]\n  values";
+                " reserved " + std::to_string(message.reserved) + "\n  source [" + Printable(message.source) +
+                "]\n  target [" + Printable(message.target) + "]\n  drives [" + Printable(message.drives) +
+                "]\n  spare [" + Printable(message.spare) + "]\n  values";
         for (ULONGLONG value : message.values)
             text += " " + std::to_string(value);
     }

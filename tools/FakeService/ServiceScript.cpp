@@ -4,7 +4,8 @@
 #include <cstdlib>
 
 const char SERVICE_SCRIPT_HELP[] =
-    "Script: one step a line, played in order after the client's request has arrived; '#' starts a comment.\n"
+    "Script: one step a line, played in order after the client's request has arrived; '#' outside double\n"
+    "quotes starts a comment.\n"
     "  send KIND PHASE [V0 .. V5] [source=TEXT] [target=TEXT] [drives=TEXT] [spare=TEXT] [reserved=N]\n"
     "      one well-formed message; missing values are 0, texts empty. Numbers are decimal or 0x-hex.\n"
     "      TEXT is UTF-8; put it in double quotes when it holds spaces (no escapes: backslashes are kept).\n"
@@ -266,9 +267,17 @@ bool ServiceScript::Parse(const std::string& text, ServiceScript& script, std::s
             stop = text.size();
         std::string line = text.substr(start, stop - start);
         start = stop + 1;
-        size_t hash = line.find('#');
-        if (hash != std::string::npos && line.find('"') > hash)
-            line.erase(hash); // a '#' inside a quoted text stays (the quote before it keeps it)
+        bool quoted = false;
+        for (size_t i = 0; i < line.size(); ++i)
+        {
+            if (line[i] == '"')
+                quoted = !quoted;
+            else if (line[i] == '#' && !quoted)
+            {
+                line.erase(i); // a '#' inside a quoted text belongs to the text
+                break;
+            }
+        }
         std::vector<std::string> words = Words(line);
         if (words.empty())
             continue;
