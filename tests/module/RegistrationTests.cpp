@@ -219,7 +219,11 @@ TEST_F(RegistrationTest, PerMachineFootprintComesAndGoes)
     ProductCopy library("Velmount");
     ASSERT_TRUE(library.Loaded());
 
+    // The scripts run in the system's default locale; the caller's comes back afterwards.
+    ASSERT_TRUE(SetThreadLocale(0x0407));
     ASSERT_EQ(S_OK, library.Register());
+    EXPECT_EQ(0x0407u, GetThreadLocale());
+    SetThreadLocale(LOCALE_USER_DEFAULT);
     ExpectRegistered(library, false);
     // ForceRemove takes the old keys and writes them again: the same footprint, nothing twice.
     const Lines first = ScriptFootprint(HKEY_LOCAL_MACHINE);
@@ -362,6 +366,25 @@ TEST_F(RegistrationTest, TheShellHearsOfASuccessfulRegistrationOnly)
     EXPECT_EQ(E_ACCESSDENIED, library.Register());
     EXPECT_EQ(E_ACCESSDENIED, library.Install(TRUE, nullptr));
     EXPECT_EQ(1u, VmHostShellChangeCount(nullptr)) << "unregistration and failures notify nobody";
+}
+
+// Only the stand-in can play a system older than the approved list.
+TEST_F(RegistrationTest, BeforeWindowsXpThereIsNoApprovedList)
+{
+    ProductCopy library("Velmount");
+    ASSERT_TRUE(library.Loaded());
+    DeleteTree(HKEY_LOCAL_MACHINE, APPROVED);
+    VmHostSetSystemVersion(5, 0, 4);
+    const HRESULT registered = library.Register();
+    VmHostSetSystemVersion(10, 0, 0);
+    ASSERT_EQ(S_OK, registered);
+    EXPECT_EQ(ExpectedFootprint(library.Path()), ScriptFootprint(HKEY_LOCAL_MACHINE));
+    EXPECT_FALSE(KeyExists(HKEY_LOCAL_MACHINE, APPROVED));
+    // 5.1 with no service pack is enough to need the list.
+    VmHostSetSystemVersion(5, 1, 0);
+    const HRESULT refused = library.Register();
+    VmHostSetSystemVersion(10, 0, 0);
+    EXPECT_EQ(E_ACCESSDENIED, refused);
 }
 #endif
 #ifdef _WIN32

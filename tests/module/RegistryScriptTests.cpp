@@ -203,6 +203,10 @@ TEST_F(RegistryScriptTest, TooDeepANestingRegistersNothing)
     EXPECT_EQ(Lines{""}, Scratch());
     EXPECT_EQ(DISP_E_EXCEPTION, RunInScratch(Nest(deepest + 1), FALSE));
     EXPECT_EQ(DISP_E_EXCEPTION, RunInScratch(Nest(1000), TRUE));
+    // Also a root block that comes after a well-formed one: the whole script is measured before anything
+    // runs.
+    EXPECT_EQ(DISP_E_EXCEPTION, Run(InScratch(TEXT("First = s 'x'")) + InScratch(Nest(deepest + 1)), TRUE));
+    EXPECT_EQ(Lines{""}, Scratch());
 
     EXPECT_EQ(S_OK, RunInScratch(Nest(deepest), TRUE));
     EXPECT_TRUE(KeyExists(HKEY_CURRENT_USER, (WText(SCRATCH) + TEXT("\\k\\k\\k")).c_str()));
