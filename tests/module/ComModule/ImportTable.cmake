@@ -1,3 +1,4 @@
+cmake_policy(VERSION 3.25)
 # A shell extension runs inside the file manager: it may import only DLLs that every Windows has. Anything
 # else (the compiler's runtime, a helper DLL of the build) means a missed static link.
 execute_process(COMMAND ${OBJDUMP} -p ${LIBRARY} OUTPUT_VARIABLE dump RESULT_VARIABLE failed)
