@@ -73,8 +73,8 @@ int Explain(const std::string& path)
     }
     std::printf("  marker of %s\n", Text(drive->folderPath).c_str());
     PrintRecord(*drive);
-    std::printf("  user's Use value     %u   (HKLM\\Software\\Morvenlith\\Velmount\\Extensions\\%s)\n", use,
-                Narrow(sid).c_str());
+    std::printf("  user's Use value     %u   (HKLM\\Software\\Morvenlith\\Velmount\\Extensions\\%s)\n",
+                static_cast<unsigned>(use), Narrow(sid).c_str());
 
     NodeList<CustomMenuItem*> items;
     int count = ParseCustomMenuItems(drive->menuItemsText, items);
