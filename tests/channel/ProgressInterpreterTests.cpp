@@ -268,16 +268,16 @@ TEST_F(ProgressInterpreterTest, TheFirstReportAlwaysRefreshesTheLocations)
 // item is still remembered, so it is not tried again.
 TEST_F(ProgressInterpreterTest, ItemsAreMadeOnlyForWhatIsThere)
 {
-    TestSupport::ManagedDrive drive(TEXT('Q'));
+    TestSupport::ManagedDrive drive;
     drive.MakeFolder(TEXT("Src"));
-    Handle(Message(21, 3, {1, 10, 4, 100}, TEXT("q:\\src"), TEXT("Q:\\Missing")));
+    Handle(Message(21, 3, {1, 10, 4, 100}, TEXT("v:\\src"), TEXT("V:\\Missing")));
     ASSERT_TRUE(m_job->m_sourceItem);
     EXPECT_FALSE(m_job->m_targetItem);
-    EXPECT_TRUE(m_job->m_currentTarget == TEXT("Q:\\Missing"));
+    EXPECT_TRUE(m_job->m_currentTarget == TEXT("V:\\Missing"));
     LPWSTR spelled = nullptr;
     ASSERT_EQ(S_OK, m_job->m_sourceItem->GetDisplayName(SIGDN_FILESYSPATH, &spelled));
-    EXPECT_EQ("Q:\\Src", TestSupport::Narrow(spelled));
+    EXPECT_EQ("V:\\Src", TestSupport::Narrow(spelled));
     CoTaskMemFree(spelled);
-    EXPECT_EQ(Calls({"UpdateLocations q:\\src - q:\\src", "UpdateProgress 100 1000 10 100 1 4"}),
+    EXPECT_EQ(Calls({"UpdateLocations v:\\src - v:\\src", "UpdateProgress 100 1000 10 100 1 4"}),
               m_journal.Calls());
 }

@@ -97,7 +97,9 @@ void FakeService::Serve(HANDLE listening)
 {
     for (int session = 1;; ++session)
     {
-        BOOL connected = ConnectNamedPipe(listening, nullptr) || GetLastError() == ERROR_PIPE_CONNECTED;
+        // ERROR_NO_DATA: a client came and went before this call; its session is over at the first look.
+        BOOL connected = ConnectNamedPipe(listening, nullptr) || GetLastError() == ERROR_PIPE_CONNECTED ||
+                         GetLastError() == ERROR_NO_DATA;
         {
             std::lock_guard<std::mutex> guard(m_lock);
             if (m_stopping)
