@@ -145,6 +145,7 @@ void PrintMenu(HMENU menu, UINT firstId, UINT added)
 {
     bool bold = isatty(1);
     int count = GetMenuItemCount(menu);
+    bool afterSeparator = false;
     std::printf("  pos   id   entry\n");
     for (int position = 0; position < count; ++position)
     {
@@ -155,9 +156,14 @@ void PrintMenu(HMENU menu, UINT firstId, UINT added)
             continue;
         if (info.fType & MFT_SEPARATOR)
         {
-            std::printf("  %3d        ----------------------------\n", position);
+            // The file manager draws a run of separators as one line.
+            std::printf(afterSeparator ? "  %3d        (drawn as one with the line above)\n"
+                                       : "  %3d        ----------------------------\n",
+                        position);
+            afterSeparator = true;
             continue;
         }
+        afterSeparator = false;
         bool ours = info.wID >= firstId && info.wID < firstId + added;
         bool isDefault = (info.fState & MFS_DEFAULT) != 0;
         std::string text = Caption(menu, static_cast<UINT>(position));
