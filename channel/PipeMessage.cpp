@@ -37,21 +37,35 @@ ULONGLONG GetU64(const BYTE* at)
 }
 } // namespace
 
+namespace
+{
+// The UTF-8 byte count of a text as a wire string carries it. The text ends at its terminator, so the UTF-8
+// never holds a zero byte: the converted size is the encoded length.
+int Utf8Length(LPCWSTR text, int& units)
+{
+    units = text ? lstrlenW(text) : 0;
+    int length = units > 0 ? WideCharToMultiByte(CP_UTF8, 0, text, units, nullptr, 0, nullptr, nullptr) : 0;
+    return length < 0 ? 0 : length;
+}
+
+size_t LengthBytes(DWORD length)
+{
+    size_t bytes = 1;
+    for (; length >= 0x80; length >>= 7)
+        ++bytes;
+    return bytes;
+}
+} // namespace
+
 BYTE* EncodeString(BYTE* cursor, const BYTE* end, LPCWSTR text)
 {
     if (!cursor || cursor >= end)
         return nullptr;
-    // A null text and an empty one are the same single byte 00. The length of the text stops at its
-    // terminator, so the UTF-8 never holds a zero byte: the converted size is the encoded length.
-    int units = text ? lstrlenW(text) : 0;
-    int length = units > 0 ? WideCharToMultiByte(CP_UTF8, 0, text, units, nullptr, 0, nullptr, nullptr) : 0;
-    if (length < 0)
-        length = 0;
+    // A null text and an empty one are the same single byte 00.
+    int units = 0;
+    int length = Utf8Length(text, units);
     size_t room = static_cast<size_t>(end - cursor);
-    size_t lengthBytes = 1;
-    for (DWORD rest = static_cast<DWORD>(length); rest >= 0x80; rest >>= 7)
-        ++lengthBytes;
-    if (lengthBytes + static_cast<size_t>(length) > room)
+    if (LengthBytes(static_cast<DWORD>(length)) + static_cast<size_t>(length) > room)
         return nullptr;
     DWORD rest = static_cast<DWORD>(length);
     while (rest >= 0x80)
@@ -64,6 +78,18 @@ BYTE* EncodeString(BYTE* cursor, const BYTE* end, LPCWSTR text)
                                           nullptr, nullptr) != length)
         return nullptr; // the text changed size between the two passes: never send a length that lies
     return cursor + length;
+}
+
+ULONGLONG EncodedRequestSize(LPCWSTR source, LPCWSTR target, LPCWSTR drives)
+{
+    ULONGLONG size = HEADER_SIZE + VALUES_SIZE + 1; // the spare string is empty: one byte
+    for (LPCWSTR text : {source, target, drives})
+    {
+        int units = 0;
+        int length = Utf8Length(text, units);
+        size += LengthBytes(static_cast<DWORD>(length)) + static_cast<ULONGLONG>(length);
+    }
+    return size;
 }
 
 const BYTE* DecodeString(const BYTE* cursor, const BYTE* end, WideString& destination)

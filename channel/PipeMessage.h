@@ -63,6 +63,10 @@ BYTE* EncodeString(BYTE* cursor, const BYTE* end, LPCWSTR text);
 // string. The text stops at the first U+0000 it decodes to, while the cursor moves by the whole length.
 const BYTE* DecodeString(const BYTE* cursor, const BYTE* end, WideString& destination);
 
+// The encoded size of the request SendRequest would write for these texts: what the caller checks against
+// PIPE_MESSAGE_LIMIT before it starts an operation that could never be sent.
+ULONGLONG EncodedRequestSize(LPCWSTR source, LPCWSTR target, LPCWSTR drives);
+
 // Encodes the whole message into `buffer`; returns its size, or 0 if it would pass `capacity`.
 DWORD EncodeMessage(const PipeMessage& message, BYTE* buffer, DWORD capacity);
 

@@ -42,6 +42,13 @@ __attribute__((weak)) int MessageBoxW(HWND owner, LPCWSTR text, LPCWSTR caption,
     return answer;
 }
 
+int ShellMessageBoxW(HINSTANCE, HWND owner, LPCWSTR text, LPCWSTR caption, UINT type, ...)
+{
+    if (IS_INTRESOURCE(text))
+        return 0;
+    return MessageBoxW(owner, text, caption, type);
+}
+
 __attribute__((weak)) BOOL ShowWindow(HWND window, int command)
 {
     std::lock_guard<std::mutex> guard(g_lock);

@@ -81,4 +81,8 @@
 #endif
 
 WINBASEAPI int MessageBoxW(HWND owner, LPCWSTR text, LPCWSTR caption, UINT type);
+// The shell's message box: the same box, with the text taken as it stands (no inserts are expanded here, and
+// a resource number instead of a text is refused with 0).
+WINBASEAPI int ShellMessageBoxW(HINSTANCE instance, HWND owner, LPCWSTR text, LPCWSTR caption, UINT type,
+                                ...);
 WINBASEAPI BOOL ShowWindow(HWND window, int command);

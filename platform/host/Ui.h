@@ -2,6 +2,8 @@
 // template in the resources, gets WM_INITDIALOG, and is then answered as ControlUi.h scripted.
 #pragma once
 
+#include <cstdarg>
+
 #include "platform/host/Types.h"
 
 // Menus.
@@ -143,3 +145,9 @@ WINBASEAPI BOOL SetForegroundWindow(HWND window);
 WINBASEAPI BOOL SetWindowPos(HWND window, HWND insertAfter, int x, int y, int cx, int cy, UINT flags);
 WINBASEAPI HMONITOR MonitorFromWindow(HWND window, DWORD flags);
 WINBASEAPI BOOL GetMonitorInfoW(HMONITOR monitor, LPMONITORINFO info);
+
+// user32's own formatter: %[-][0][width](d|i|u|x|X|c|s|%) with an optional l or h, %s taking a wide text and
+// %hs a narrow one. At most 1024 units are written, terminator included; returns the units written without
+// it.
+WINBASEAPI int wsprintfW(LPWSTR buffer, LPCWSTR format, ...);
+WINBASEAPI int wvsprintfW(LPWSTR buffer, LPCWSTR format, va_list arguments);

@@ -19,7 +19,9 @@ struct SeenMessageBox
 class MessageBoxWatch
 {
 public:
-    MessageBoxWatch();
+    // The first box is answered with `firstAnswer` (IDYES, IDNO, ...) when it is not 0; every other box with
+    // its default (Windows: IDOK) or dismissing (host) button, so a yes/no question is declined.
+    explicit MessageBoxWatch(int firstAnswer = 0);
     ~MessageBoxWatch();
     MessageBoxWatch(const MessageBoxWatch&) = delete;
     MessageBoxWatch& operator=(const MessageBoxWatch&) = delete;

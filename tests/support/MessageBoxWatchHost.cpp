@@ -11,7 +11,11 @@ struct MessageBoxWatch::State
     size_t shownBefore;
 };
 
-MessageBoxWatch::MessageBoxWatch() : m_state(new State{VmHost::MessageBoxes().size()}) {}
+MessageBoxWatch::MessageBoxWatch(int firstAnswer) : m_state(new State{VmHost::MessageBoxes().size()})
+{
+    if (firstAnswer)
+        VmHost::QueueMessageBoxAnswer(firstAnswer);
+}
 MessageBoxWatch::~MessageBoxWatch()
 {
     delete m_state;

@@ -12,6 +12,7 @@ namespace TestSupport
 {
 struct MessageBoxWatch::State
 {
+    int firstAnswer = 0;
     std::atomic<bool> stop{false};
     mutable std::mutex lock;
     std::vector<SeenMessageBox> seen;
@@ -35,8 +36,9 @@ struct MessageBoxWatch::State
         GetWindowTextW(window, caption, 512);
         GetDlgItemTextW(window, 0xFFFF, text, 2048); // the message box's text control
         state->seen.push_back({Narrow(caption), Narrow(text)});
+        int answer = state->answered.empty() && state->firstAnswer ? state->firstAnswer : IDOK;
         state->answered.insert(window);
-        PostMessageW(window, WM_COMMAND, IDOK, 0);
+        PostMessageW(window, WM_COMMAND, static_cast<WPARAM>(answer), 0);
         return TRUE;
     }
 
@@ -50,8 +52,9 @@ struct MessageBoxWatch::State
     }
 };
 
-MessageBoxWatch::MessageBoxWatch() : m_state(new State)
+MessageBoxWatch::MessageBoxWatch(int firstAnswer) : m_state(new State)
 {
+    m_state->firstAnswer = firstAnswer;
     m_state->watcher = std::thread([state = m_state] { state->Watch(); });
 }
 
