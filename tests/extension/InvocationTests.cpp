@@ -18,6 +18,7 @@
 #include "platform/host/ControlThreads.h"
 #endif
 
+#include <algorithm>
 #include <string>
 #include <vector>
 
@@ -252,6 +253,29 @@ TEST_F(Invocation, FirstRecordOfANumberWinsAndTheDrivesKeyStandsInForAnEmptyOne)
     ASSERT_EQ(1u, received.size());
     EXPECT_EQ(static_cast<DWORD>(OP_QUICK_MOVE), received[0].message.kind);
     EXPECT_EQ(Path(TEXT("Plain\\a.txt")) + "\n", received[0].message.source);
+}
+
+TEST_F(Invocation, DriveListHasEveryCachedRecordInTheCachesOrder)
+{
+    Text deep = TEXT("K=") + key + TEXT("|RM=\\Mount\\.Velmount");
+    drive.WriteMarker(TEXT("Deep\\Mount"), deep.c_str());
+    Text other = TEXT("K=") + key + TEXT("|RM=\\Other\\.Velmount");
+    drive.WriteMarker(TEXT("Other"), other.c_str());
+    ArrangeTarget(TEXT("Managed"));
+    ASSERT_NE(nullptr, object->ReadDriveMarker(drive.Path(TEXT("Deep\\Mount"))));
+    ASSERT_NE(nullptr, object->ReadDriveMarker(drive.Path(TEXT("Other"))));
+    Select({drive.Path(TEXT("Other\\a.txt"))});
+    Command(1, OP_QUICK_COPY);
+
+    std::string expected;
+    for (POSITION position = object->m_driveCache.GetStartPosition(); position;)
+        expected += Narrow(object->m_driveCache.GetNextValue(position)->mountPath) + "\n";
+    std::vector<ReceivedMessage> received = InvokeServed(1, S_OK);
+    ASSERT_EQ(1u, received.size());
+    EXPECT_EQ(expected, received[0].message.drives);
+    // Three records, one line each, repeats kept: the two mounts at the drive's top and the deeper one.
+    EXPECT_EQ(3, std::count(expected.begin(), expected.end(), '\n'));
+    EXPECT_NE(std::string::npos, expected.find("v:\\deep\n"));
 }
 
 // ---------------------------------------------------------------------------------------------------------
