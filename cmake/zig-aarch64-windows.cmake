@@ -28,3 +28,18 @@ set(_CMAKE_LINKER_PUSHPOP_STATE_SUPPORTED FALSE CACHE INTERNAL "zig's linker dri
 # Nothing built here runs on this machine, and linking a test program would make zig build its C++ runtime
 # once more for executables: compiler checks stop at a static library.
 set(CMAKE_TRY_COMPILE_TARGET_TYPE STATIC_LIBRARY)
+
+# The compiler is known: zig 0.11 is clang 16 with GNU-style options. CMake's identification and ABI runs link
+# test programs, and zig builds its whole C and C++ runtime for executables to link the first one (minutes on
+# two cores), a runtime this build never uses: the DLL needs its own. So they are skipped, as for a compiler
+# CMake is told about rather than asked.
+foreach(lang C CXX)
+    set(CMAKE_${lang}_COMPILER_ID Clang)
+    set(CMAKE_${lang}_COMPILER_VERSION 16.0.6)
+    set(CMAKE_${lang}_COMPILER_FRONTEND_VARIANT GNU)
+    set(CMAKE_${lang}_COMPILER_ID_RUN TRUE)
+    set(CMAKE_${lang}_COMPILER_FORCED TRUE)
+    set(CMAKE_${lang}_STANDARD_COMPUTED_DEFAULT 17)
+    set(CMAKE_${lang}_EXTENSIONS_COMPUTED_DEFAULT ON)
+endforeach()
+set(CMAKE_SIZEOF_VOID_P 8)
