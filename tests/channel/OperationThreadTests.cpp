@@ -231,13 +231,15 @@ TEST(OperationThread, AnEndingMessageClosesThePipeBeforeTheDialog)
     EXPECT_EQ(Calls({"StopProgressDialog"}), CallsAfterStart(dialogs.journal));
 }
 
-// Malformed messages are dropped, and of an oversize message nothing is taken: its last 64 bytes would end
-// the exchange if they were read as a message, and then the final report would never be shown.
+// Malformed messages (zero bytes, a short header, a length past the end) are dropped, and of an oversize
+// message nothing is taken: its last 64 bytes would end the exchange if they were read as a message, and then
+// the final report would never be shown.
 TEST(OperationThread, MalformedAndOversizeMessagesAreDropped)
 {
     TestSupport::ProgressDialogRegistration dialogs;
     Text key = UniqueKey(TEXT("worker-test"));
     FakeService service(key.c_str(), Script("send 21 2 2 8192\n"
+                                            "raw\n"
                                             "raw 15 00 00 00 03 00\n"
                                             "raw 15 00 00 00 03 00 00 00 00 00 00 00 7F 41\n"
                                             "oversize 1048640\n"
