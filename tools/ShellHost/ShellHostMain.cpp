@@ -26,10 +26,11 @@ namespace
 {
 const char USAGE[] =
     "Usage:\n"
-    "  ShellHost --library FILE [options] items PATH...        right click on items\n"
+    "  ShellHost --library FILE|--registered [options] items PATH...  right click on items\n"
     "  ShellHost --library FILE [options] background FOLDER   right click on a folder's background\n"
     "  ShellHost --library FILE [options] drop FOLDER PATH...  right-button drop of PATH... onto FOLDER\n"
     "  ShellHost explain FOLDER|ITEM                            the marker behind a menu, item by item\n"
+    "  (--registered: the library that the registry names for the extension's class, as COM finds it)\n"
     "Options:\n"
     "  --effect none|copy|move    the drop's Preferred DropEffect (default: none); replaces the clipboard\n"
     "  --shell copy|move|both     which of the file manager's commands (ids 1, 2) the menu holds (default "
@@ -199,6 +200,17 @@ void SetUseApi()
     WCHAR sid[SID_BUFFER_CAPACITY] = {};
     if (CVelmountCopyMoveExtension::GetUserSidString(sid))
         TestSupport::SetUseValue(sid, 1);
+}
+
+// The library registered for the class, as COM finds it: the default value of its InprocServer32 key.
+std::string RegisteredLibrary()
+{
+    WCHAR path[MAX_PATH * 4] = {};
+    DWORD size = sizeof(path);
+    if (RegGetValueW(HKEY_CLASSES_ROOT, TEXT("CLSID\\{7031db56-aef0-4a42-b4c9-bfdf2abe4765}\\InprocServer32"),
+                     nullptr, RRF_RT_REG_SZ, nullptr, path, &size) != ERROR_SUCCESS)
+        return std::string();
+    return Narrow(path);
 }
 
 int Run(const Options& options)
@@ -376,6 +388,12 @@ int main(int argc, char** argv)
         }
         else if (word == "--library" && value(options.library))
             continue;
+        else if (word == "--registered")
+        {
+            options.library = RegisteredLibrary();
+            if (options.library.empty())
+                return Fail("the extension's class is not registered (no InprocServer32 path)");
+        }
         else if (word == "--effect" && value(text))
             options.effect = text == "copy" ? 1 : text == "move" ? 2 : 0;
         else if (word == "--shell" && value(text))
@@ -410,7 +428,7 @@ int main(int argc, char** argv)
     if (options.shape == "explain")
         return words.size() == 2 ? Explain(words[1]) : Fail("explain takes one folder or item");
     if (options.library.empty())
-        return Fail("--library is required (see --help)");
+        return Fail("--library or --registered is required (see --help)");
     if (options.shape == "items" && words.size() >= 2)
         options.paths.assign(words.begin() + 1, words.end());
     else if (options.shape == "background" && words.size() == 2)
