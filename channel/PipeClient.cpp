@@ -7,12 +7,35 @@ namespace
 const DWORD PIPE_WAIT_MILLISECONDS = 1000;
 // Whole messages, and reads that return at once when nothing is waiting: the worker polls.
 const DWORD CLIENT_PIPE_MODE = PIPE_READMODE_MESSAGE | PIPE_NOWAIT;
+
+// "\\.\pipe\" and one name after it, nothing else. The name's tail is a marker's key, taken as written from
+// a file on any drive; a separator in it would let that file choose where the file manager's process
+// connects: the system takes "/" for "\" and resolves ".." in a "\\.\" name, so "QX-k\..\..\C:\x" is a
+// file, and "QX-k\other" a pipe that no Velmount service created.
+bool IsOnePipeName(LPCWSTR name)
+{
+    const WCHAR prefix[] = TEXT("\\\\.\\pipe\\");
+    const int prefixLength = sizeof(prefix) / sizeof(prefix[0]) - 1;
+    if (!name)
+        return false;
+    for (int i = 0; i < prefixLength; ++i)
+        if (name[i] != prefix[i])
+            return false;
+    if (!name[prefixLength])
+        return false;
+    for (LPCWSTR at = name + prefixLength; *at; ++at)
+        if (*at == TEXT('\\') || *at == TEXT('/'))
+            return false;
+    return true;
+}
 } // namespace
 
 int PipeClient::Open(LPCWSTR name)
 {
     if (m_handle != INVALID_HANDLE_VALUE)
         return 1;
+    if (!IsOnePipeName(name))
+        return 0;
     if (!WaitNamedPipeW(name, PIPE_WAIT_MILLISECONDS))
         return 0;
     m_handle = CreateFileW(name, GENERIC_READ | GENERIC_WRITE, 0, nullptr, OPEN_EXISTING, 0, nullptr);

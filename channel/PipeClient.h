@@ -20,7 +20,8 @@ public:
     PipeClient& operator=(const PipeClient&) = delete;
 
     // 1 if connected (at once if a handle is held already), 0 if not. WaitNamedPipeW's 1000 ms are the only
-    // wait; a failure after it, a busy pipe among them, is not retried.
+    // wait; a failure after it, a busy pipe among them, is not retried. A name that is not "\\.\pipe\" and
+    // one name after it is refused before any system call.
     int Open(LPCWSTR name);
     int IsOpen() const { return m_handle == INVALID_HANDLE_VALUE ? 0 : m_opened; }
     // Harmless on a closed client: the worker calls it more than once on its way out.

@@ -1,0 +1,154 @@
+// The library's lifetime while an operation it started runs on: loaded as the file manager loads it
+// (LoadLibraryW and its exports), an operation started from a menu, the object released. While the worker
+// runs, DllCanUnloadNow answers S_FALSE and a FreeLibrary does not take the code from under it; after the
+// worker's end the answer is S_OK and the library goes.
+#include "foundation/WideString.h"
+#include "tests/channel/UniqueKey.h"
+#include "tests/module/ComModule/LibraryPath.h"
+#include "tests/reliability/StartedOperation.h"
+#include "tests/support/ManagedDrive.h"
+#include "tests/support/World.h"
+#include "tools/FakeService/FakeService.h"
+
+#include <gtest/gtest.h>
+
+using namespace Reliability;
+
+namespace
+{
+typedef HRESULT(STDMETHODCALLTYPE* CanUnloadNowEntry)();
+typedef HRESULT(STDMETHODCALLTYPE* GetClassObjectEntry)(REFCLSID, REFIID, LPVOID*);
+
+// {7031DB56-AEF0-4A42-B4C9-BFDF2ABE4765}
+const CLSID CLASS_ID = {0x7031DB56, 0xAEF0, 0x4A42, {0xB4, 0xC9, 0xBF, 0xDF, 0x2A, 0xBE, 0x47, 0x65}};
+
+template <class Entry> Entry Export(HMODULE library, const char* name)
+{
+    return reinterpret_cast<Entry>(reinterpret_cast<void (*)()>(GetProcAddress(library, name)));
+}
+
+// Whether any module still holds this address (the library is mapped).
+bool Mapped(const void* address)
+{
+    HMODULE module = nullptr;
+    return GetModuleHandleExW(GET_MODULE_HANDLE_EX_FLAG_FROM_ADDRESS |
+                                  GET_MODULE_HANDLE_EX_FLAG_UNCHANGED_REFCOUNT,
+                              static_cast<LPCWSTR>(address), &module) &&
+           module;
+}
+
+bool Eventually(bool (*condition)(const void*), const void* argument, bool wanted)
+{
+    for (DWORD waited = 0; waited < OPERATION_TIME_LIMIT; waited += 10)
+    {
+        if (condition(argument) == wanted)
+            return true;
+        Sleep(10);
+    }
+    return false;
+}
+
+class Lifetime : public testing::Test
+{
+protected:
+    void SetUp() override
+    {
+        key = UniqueKey(TEXT("lifetime"));
+        // A quiet item of the marker's own: the worker shows nothing, so the host needs no progress dialog.
+        Text marker = TEXT("K=") + key + TEXT("|CI=T|MI=T|DA=1|FMI=Sync now=51|RM=\\Managed\\.Velmount");
+        drive.WriteMarker(TEXT("Managed"), marker.c_str());
+        library = LoadLibraryW(TestLibraryPath().c_str());
+        ASSERT_NE(nullptr, library);
+        canUnloadNow = Export<CanUnloadNowEntry>(library, "DllCanUnloadNow");
+        getClassObject = Export<GetClassObjectEntry>(library, "DllGetClassObject");
+        ASSERT_TRUE(canUnloadNow && getClassObject);
+    }
+    void TearDown() override
+    {
+        if (library)
+            FreeLibrary(library);
+    }
+
+    // The file manager's road on the folder's background, up to the chosen item and the object's release.
+    void StartFromTheMenu()
+    {
+        IClassFactory* factory = nullptr;
+        ASSERT_EQ(S_OK, getClassObject(CLASS_ID, IID_IClassFactory, reinterpret_cast<void**>(&factory)));
+        IShellExtInit* init = nullptr;
+        ASSERT_EQ(S_OK, factory->CreateInstance(nullptr, IID_IShellExtInit, reinterpret_cast<void**>(&init)));
+        factory->Release();
+        ASSERT_EQ(S_OK, init->Initialize(TestSupport::ItemIdList(drive.Path(TEXT("Managed"))).Get(), nullptr,
+                                         nullptr));
+        IContextMenu* menuHandler = nullptr;
+        ASSERT_EQ(S_OK, init->QueryInterface(IID_IContextMenu, reinterpret_cast<void**>(&menuHandler)));
+        init->Release();
+        HMENU menu = CreatePopupMenu();
+        HRESULT used = menuHandler->QueryContextMenu(menu, 0, 100, 0x7FFF, CMF_NORMAL);
+        EXPECT_TRUE(SUCCEEDED(used) && (used & 0xFFFF) >= 2) << "Sync now, after a separator";
+        DestroyMenu(menu);
+        CMINVOKECOMMANDINFO info = {};
+        info.cbSize = sizeof(info);
+        info.lpVerb = reinterpret_cast<LPCSTR>(static_cast<UINT_PTR>(1));
+        EXPECT_EQ(S_OK, menuHandler->InvokeCommand(&info));
+        EXPECT_EQ(0u, menuHandler->Release());
+    }
+
+    static bool RequestArrived(const void* service)
+    {
+        return !static_cast<const FakeService*>(service)->Received().empty();
+    }
+
+    TestSupport::ManagedDrive drive;
+    Text key;
+    HMODULE library = nullptr;
+    CanUnloadNowEntry canUnloadNow = nullptr;
+    GetClassObjectEntry getClassObject = nullptr;
+};
+} // namespace
+
+TEST_F(Lifetime, CanUnloadNowSaysNoWhileTheWorkerRuns)
+{
+    // The service answers nothing until told to go: the worker keeps polling meanwhile.
+    FakeService service(key.c_str(), Script("send 51 2 1 1\n"));
+    ASSERT_TRUE(service.Start());
+    EXPECT_EQ(S_OK, canUnloadNow());
+
+    StartFromTheMenu();
+    ASSERT_TRUE(Eventually(RequestArrived, &service, true));
+    for (int look = 0; look < 10; ++look)
+    {
+        EXPECT_EQ(S_FALSE, canUnloadNow()) << "the object is gone, the worker is not";
+        Sleep(20);
+    }
+
+    service.Stop();
+    bool unloadable = false;
+    for (DWORD waited = 0; waited < OPERATION_TIME_LIMIT && !unloadable; waited += 10)
+    {
+        unloadable = canUnloadNow() == S_OK;
+        if (!unloadable)
+            Sleep(10);
+    }
+    EXPECT_TRUE(unloadable) << "the last worker gave the library back";
+}
+
+// The host frees the library during the operation (its last reference, as CoFreeUnusedLibraries would after
+// a wrong answer): the worker's own hold keeps the code there, the operation ends normally, and with it the
+// library goes.
+TEST_F(Lifetime, AFreeLibraryDuringTheOperationWaitsForTheWorker)
+{
+    FakeService service(key.c_str(), Script("send 51 2 1 1\n"));
+    ASSERT_TRUE(service.Start());
+    StartFromTheMenu();
+    ASSERT_TRUE(Eventually(RequestArrived, &service, true));
+    const void* code = reinterpret_cast<const void*>(canUnloadNow);
+
+    ASSERT_TRUE(FreeLibrary(library));
+    library = nullptr;
+    Sleep(50);
+    EXPECT_TRUE(Mapped(code)) << "the running worker holds the library";
+
+    service.Stop();
+    ASSERT_TRUE(service.WaitForSessions(1, OPERATION_TIME_LIMIT)) << "the worker ended the connection";
+    EXPECT_TRUE(Eventually(Mapped, code, false)) << "the worker's end let the library go";
+}
