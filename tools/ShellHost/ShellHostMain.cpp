@@ -9,10 +9,6 @@
 #include "tests/support/World.h"
 #include "tools/ShellHost/ShellHost.h"
 
-#ifndef _WIN32
-#include "platform/host/ControlMessageBox.h"
-#endif
-
 #include <chrono>
 #include <cstdio>
 #include <cstdlib>
@@ -41,7 +37,7 @@ const char USAGE[] =
     "process)\n"
     "  --chooser velmount|explorer|cancel   answer the copy/move chooser if it appears\n"
     "  --invoke CAPTION           pick the item with this caption once the menu is shown\n"
-    "  --confirm yes|no           answer the delete confirmation (host; Windows presses the default button)\n"
+    "  --confirm yes|no           answer the delete confirmation\n"
     "  --wait SECONDS             how long an invoked operation may run before ShellHost gives up (60)\n";
 
 typedef HRESULT(STDMETHODCALLTYPE* GetClassObjectEntry)(REFCLSID, REFIID, LPVOID*);
@@ -55,6 +51,7 @@ const UINT LAST_COMMAND_ID = 0x7FFF;
 struct Options
 {
     std::string library;
+    bool registered = false;
     std::string shape;
     std::string folder;
     std::vector<std::string> paths;
@@ -213,9 +210,42 @@ std::string RegisteredLibrary()
     return Narrow(path);
 }
 
+#ifdef _WIN32
+// As the file manager gets a handler on Windows: CoCreateInstance by class id, so that COM reads the class's
+// InprocServer32 path and ThreadingModel and loads the library itself. Returns the library COM loaded.
+HMODULE CreateRegistered(const Options& options, IShellExtInit** init, HRESULT& hr)
+{
+    hr = CoInitializeEx(nullptr, COINIT_APARTMENTTHREADED);
+    if (FAILED(hr))
+        return nullptr;
+    hr = CoCreateInstance(CLSID_Extension, nullptr, CLSCTX_INPROC_SERVER, IID_IShellExtInit,
+                          reinterpret_cast<void**>(init));
+    if (hr != S_OK)
+        return nullptr;
+    // Already loaded by COM: this only adds a reference, so DllCanUnloadNow can be asked of the same copy.
+    HMODULE loaded = GetModuleHandleW(Widen(options.library).c_str());
+    return loaded ? LoadLibraryW(Widen(options.library).c_str()) : nullptr;
+}
+#endif
+
 int Run(const Options& options)
 {
-    HMODULE library = LoadLibraryW(Widen(options.library).c_str());
+    IShellExtInit* init = nullptr;
+    HRESULT hr = S_OK;
+    HMODULE library = nullptr;
+#ifdef _WIN32
+    if (options.registered)
+    {
+        library = CreateRegistered(options, &init, hr);
+        if (hr != S_OK)
+            return Fail("CoCreateInstance: " + Hex(hr));
+        if (!library)
+            return Fail("COM did not load the registered " + options.library);
+        std::printf("CoCreateInstance: S_OK, %s loaded by COM\n", options.library.c_str());
+    }
+    else
+#endif
+        library = LoadLibraryW(Widen(options.library).c_str());
     if (!library)
         return Fail("cannot load " + options.library + " (error " + std::to_string(GetLastError()) + ")");
     auto getClassObject = Export<GetClassObjectEntry>(library, "DllGetClassObject");
@@ -227,15 +257,17 @@ int Run(const Options& options)
         SetUseApi();
     SetKeys(options);
 
-    IClassFactory* factory = nullptr;
-    HRESULT hr = getClassObject(CLSID_Extension, IID_IClassFactory, reinterpret_cast<void**>(&factory));
-    if (hr != S_OK)
-        return Fail("DllGetClassObject: " + Hex(hr));
-    IShellExtInit* init = nullptr;
-    hr = factory->CreateInstance(nullptr, IID_IShellExtInit, reinterpret_cast<void**>(&init));
-    factory->Release();
-    if (hr != S_OK)
-        return Fail("CreateInstance: " + Hex(hr));
+    if (!init)
+    {
+        IClassFactory* factory = nullptr;
+        hr = getClassObject(CLSID_Extension, IID_IClassFactory, reinterpret_cast<void**>(&factory));
+        if (hr != S_OK)
+            return Fail("DllGetClassObject: " + Hex(hr));
+        hr = factory->CreateInstance(nullptr, IID_IShellExtInit, reinterpret_cast<void**>(&init));
+        factory->Release();
+        if (hr != S_OK)
+            return Fail("CreateInstance: " + Hex(hr));
+    }
 
     std::vector<WideString> paths;
     for (const std::string& path : options.paths)
@@ -299,11 +331,10 @@ int Run(const Options& options)
         }
         else
         {
-#ifndef _WIN32
-            if (!options.confirm.empty())
-                VmHost::QueueMessageBoxAnswer(options.confirm == "yes" ? IDYES : IDNO);
-#endif
-            TestSupport::MessageBoxWatch boxes;
+            // The first message box is the delete confirmation when there is one; the rest get their default.
+            TestSupport::MessageBoxWatch boxes(options.confirm.empty()    ? 0
+                                               : options.confirm == "yes" ? IDYES
+                                                                          : IDNO);
             CMINVOKECOMMANDINFO info = {};
             info.cbSize = sizeof(info);
             info.lpVerb = reinterpret_cast<LPCSTR>(static_cast<UINT_PTR>(id - FIRST_COMMAND_ID));
@@ -316,6 +347,9 @@ int Run(const Options& options)
                             options.confirm.empty() ? "(default)" : options.confirm.c_str());
             if (FAILED(hr))
                 status = 1;
+            else
+                std::printf("DllCanUnloadNow after InvokeCommand: %s\n",
+                            canUnloadNow() == S_OK ? "S_OK" : "S_FALSE");
         }
     }
     if (contextMenu)
@@ -391,6 +425,7 @@ int main(int argc, char** argv)
         else if (word == "--registered")
         {
             options.library = RegisteredLibrary();
+            options.registered = true;
             if (options.library.empty())
                 return Fail("the extension's class is not registered (no InprocServer32 path)");
         }
