@@ -1,15 +1,21 @@
 // Every allocation the library's code makes on the caller's thread, failed one at a time: for each shape of
 // menu, the file manager's whole road (class object, CreateInstance, Initialize, QueryContextMenu,
-// InvokeCommand, Release), and registration and unregistration. Each call answers its normal result or a
+// InvokeCommand, Release), registration and unregistration, and on its own thread the worker of one
+// operation from connection to the ending report. Each call answers its normal result or a
 // failure code; nothing is thrown past a COM method, and (under LeakSanitizer) nothing is left behind.
 // Host only: the failures are injected by this program's operator new and link-time wrapping.
+#include "channel/OperationThread.h"
 #include "extension/CopyMoveExtension.h"
+#include "extension/OperationJob.h"
 #include "module/ComModule.h"
+#include "module/ModuleLock.h"
 #include "module/Registration.h"
+#include "tests/channel/UniqueKey.h"
 #include "tests/reliability/AllocationFailure/FailingAllocator.h"
 #include "tests/support/ManagedDrive.h"
 #include "tests/support/MessageBoxWatch.h"
 #include "tests/support/World.h"
+#include "tools/FakeService/FakeService.h"
 
 #include "platform/host/ControlRegistry.h"
 
@@ -283,4 +289,75 @@ TEST(AllocationFailureOfRegistration, EveryAllocationOfRegisteringAndUnregisteri
     VmHostRegistryReset();
     std::printf("[ figures  ] registration: %ld + %ld allocations, each failed once; %zu sites so far\n",
                 entries[0].allocations, entries[1].allocations, FailingAllocator::FailedSites().size());
+}
+
+namespace
+{
+struct ArmedStart
+{
+    long failAt;
+    OperationJob* job;
+};
+
+// The worker's own thread, counting (and failing) from its first instruction on.
+DWORD WINAPI ArmedWorker(LPVOID parameter)
+{
+    ArmedStart* start = static_cast<ArmedStart*>(parameter);
+    FailingAllocator::Arm(start->failAt);
+    return OperationThreadProc(start->job);
+}
+
+// A quiet operation from connection to the ending report, started as InvokeCommand starts it. Returns the
+// worker's exit code once it has ended and given the library back.
+DWORD RunWorker(long failAt)
+{
+    std::basic_string<WCHAR> key = UniqueKey(TEXT("allocation-worker"));
+    ServiceScript script;
+    std::string error;
+    EXPECT_TRUE(ServiceScript::Parse("send 51 2 2 8192\n"
+                                     "send 51 3 1 4096 2 8192 source=\"D:\\a.txt\" target=\"E:\\in\\a.txt\"\n"
+                                     "send 51 4 2 8192\n",
+                                     script, error))
+        << error;
+    FakeService service(key.c_str(), script);
+    EXPECT_TRUE(service.Start());
+    OperationJob* job = new OperationJob;
+    job->m_pipeKey = key.c_str();
+    job->m_operation = 51;
+    job->m_showProgress = 0;
+    job->m_sourceList = TEXT("D:\\a.txt\n");
+    job->m_targetFolder = TEXT("E:\\in");
+    job->m_driveRootList = TEXT("e:\n");
+    ArmedStart start{failAt, job};
+    ModuleLockAcquire();
+    HANDLE thread = CreateThread(nullptr, 0, ArmedWorker, &start, 0, nullptr);
+    if (!thread)
+    {
+        ModuleLockRelease();
+        DestroyOperationJob(job);
+        ADD_FAILURE() << "no thread";
+        return 0xFFFFFFFF;
+    }
+    DWORD exitCode = 0xFFFFFFFF;
+    EXPECT_EQ(WAIT_OBJECT_0, WaitForSingleObject(thread, 20000)) << "k=" << failAt;
+    GetExitCodeThread(thread, &exitCode);
+    CloseHandle(thread);
+    EXPECT_TRUE(LibraryIdle()) << "k=" << failAt;
+    service.Stop();
+    return exitCode;
+}
+} // namespace
+
+TEST(AllocationFailureOfTheWorker, EveryAllocationOfAnOperationFailsCleanly)
+{
+    ASSERT_EQ(0u, RunWorker(0));
+    long allocations = FailingAllocator::SeenByLastArmed();
+    ASSERT_GT(allocations, 0);
+    for (long k = 1; k <= allocations; ++k)
+    {
+        DWORD exitCode = RunWorker(k);
+        EXPECT_TRUE(exitCode == 0 || FAILED(static_cast<HRESULT>(exitCode))) << "k=" << k << ": " << exitCode;
+    }
+    std::printf("[ figures  ] worker: %ld allocations on its thread, each failed once; %zu sites so far\n",
+                allocations, FailingAllocator::FailedSites().size());
 }

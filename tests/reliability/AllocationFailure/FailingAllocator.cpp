@@ -2,6 +2,7 @@
 
 #include "platform/Win32.h"
 
+#include <atomic>
 #include <cstdlib>
 #include <mutex>
 #include <new>
@@ -31,6 +32,7 @@ thread_local long t_failAt = 0;
 thread_local long t_seen = 0;
 thread_local bool t_failed = false;
 
+std::atomic<long> g_seenByLastArmed{0};
 std::mutex g_sitesLock;
 std::set<const void*>* g_sites = nullptr; // made on first use, never freed: operator new may outlive statics
 
@@ -90,16 +92,22 @@ const Range& PlatformRange()
     return range;
 }
 
+// A platform frame with the program's code above it: the program called into the platform, which allocates
+// through the program's copy of some template. A thread the platform started has its frames at the top
+// instead, with none of the program's above them.
 bool ForPlatform()
 {
-    const int DEPTH = 12;
+    const int DEPTH = 32;
     void* frames[DEPTH];
     int count = backtrace(frames, DEPTH);
     const Range& platform = PlatformRange();
+    bool inPlatform = false;
     for (int i = 0; i < count; ++i)
     {
         const char* at = static_cast<const char*>(frames[i]);
         if (at >= platform.low && at < platform.high)
+            inPlatform = true;
+        else if (inPlatform && FromProgram(at))
             return true;
     }
     return false;
@@ -111,7 +119,13 @@ bool Refuse(const void* caller)
     if (!t_armed || !FromProgram(caller))
         return false;
     t_armed = false; // the stack walk and the record below may allocate
-    if (ForPlatform() || ++t_seen != t_failAt)
+    if (ForPlatform())
+    {
+        t_armed = true;
+        return false;
+    }
+    g_seenByLastArmed = ++t_seen;
+    if (t_seen != t_failAt)
     {
         t_armed = true;
         return false;
@@ -140,6 +154,7 @@ namespace FailingAllocator
 void Arm(long failAt)
 {
     t_seen = 0;
+    g_seenByLastArmed = 0;
     t_failAt = failAt;
     t_failed = false;
     t_armed = true;
@@ -149,6 +164,11 @@ long Disarm()
 {
     t_armed = false;
     return t_seen;
+}
+
+long SeenByLastArmed()
+{
+    return g_seenByLastArmed;
 }
 
 bool Failed()

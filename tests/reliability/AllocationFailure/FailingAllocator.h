@@ -14,6 +14,9 @@ namespace FailingAllocator
 void Arm(long failAt);
 // Stops counting on this thread; returns how many allocations were seen since Arm.
 long Disarm();
+// How many allocations the thread that armed last had seen when it last counted one (for a thread that never
+// disarms, such as one that ends inside the code under test).
+long SeenByLastArmed();
 // Whether the armed failure happened.
 bool Failed();
 // Where each failed allocation was made from (the caller's return address), over the whole run.
