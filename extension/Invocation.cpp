@@ -99,6 +99,16 @@ HRESULT CVelmountCopyMoveExtension::InvokeCommand(CMINVOKECOMMANDINFO* pici)
             job->m_sessionId = m_sessionId;
             job->m_processId = m_processId;
 
+            // Room for the whole list at once (as far as the limit): appended piece by piece, a list of
+            // thousands of paths would be regrown and copied a dozen times, and on a large selection that
+            // copying was most of this call's time.
+            long long listLength = 0;
+            for (POSITION position = m_selectedFiles.GetHeadPosition();
+                 position && listLength <= SOURCE_LIST_LIMIT;)
+                listLength += m_selectedFiles.GetNext(position).GetLength() + 1;
+            job->m_sourceList.GetBuffer(
+                static_cast<int>(listLength < SOURCE_LIST_LIMIT ? listLength : SOURCE_LIST_LIMIT));
+            job->m_sourceList.ReleaseBuffer(0);
             for (POSITION position = m_selectedFiles.GetHeadPosition(); position;)
             {
                 AppendLine(job->m_sourceList, m_selectedFiles.GetNext(position));

@@ -380,6 +380,26 @@ TEST_F(Invocation, QuietItemsCommandSendsTheSelectionUnchanged)
     EXPECT_EQ("", received[0].message.target);
 }
 
+// The list is made in room taken for all of it at once: thousands of paths must still arrive whole, in order,
+// each with its newline, and nothing of the room's unused end may show.
+TEST_F(Invocation, ThousandsOfPathsArriveWholeAndInOrder)
+{
+    ArrangeTarget(TEXT("Managed"));
+    std::string expected;
+    for (int i = 0; i < 3000; ++i)
+    {
+        Text relative = TEXT("Plain\\file ");
+        for (char digit : std::to_string(i))
+            relative += static_cast<WCHAR>(digit);
+        Select({drive.Path(relative.c_str())});
+        expected += Path(relative.c_str()) + "\n";
+    }
+    Command(1, OP_QUICK_COPY);
+    std::vector<ReceivedMessage> received = InvokeServed(1, S_OK);
+    ASSERT_EQ(1u, received.size());
+    EXPECT_EQ(expected, received[0].message.source);
+}
+
 // ---------------------------------------------------------------------------------------------------------
 // What may be handed over: 512000 UTF-16 units of list, and a request that fits one message.
 
