@@ -2,10 +2,9 @@
 // no IOperationsProgressDialog, so the end-to-end run registers this library for the class in its prefix and
 // the extension's own CoCreateInstance finds it through the registry, as it would find the system's dialog.
 //
-// Environment (read when the library loads):
-//   VELMOUNT_PROGRESS_JOURNAL  file that receives the calls, one per line, when the process lets the library
-//   go VELMOUNT_PROGRESS_STATUS   "cancel": every dialog reports PDOPS_CANCELLED, as if the user had pressed
-//   Cancel
+// Read from the environment when the library loads:
+// - VELMOUNT_PROGRESS_JOURNAL: the file that gets the calls, one a line, when the process lets us go.
+// - VELMOUNT_PROGRESS_STATUS: "cancel" makes every dialog report PDOPS_CANCELLED, as after a click on Cancel.
 #include "tests/support/ProgressRecorder.h"
 
 #include <string>
@@ -14,7 +13,6 @@ namespace
 {
 TestSupport::ProgressJournal g_journal;
 std::string g_journalPath;
-std::atomic<long> g_locks{0};
 
 class ServerFactory final : public IClassFactory
 {
@@ -51,11 +49,8 @@ public:
             return E_OUTOFMEMORY;
         }
     }
-    HRESULT STDMETHODCALLTYPE LockServer(BOOL lock) override
-    {
-        g_locks += lock ? 1 : -1;
-        return S_OK;
-    }
+    // The library never unloads while the process runs (DllCanUnloadNow), so there is nothing to count.
+    HRESULT STDMETHODCALLTYPE LockServer(BOOL) override { return S_OK; }
 };
 
 ServerFactory g_factory;
