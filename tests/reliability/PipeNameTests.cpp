@@ -57,7 +57,7 @@ INSTANTIATE_TEST_SUITE_P(Keys, CraftedKey,
                          { return std::string(info.param.name); });
 
 // The same key without its separator connects: the refusal is about the separator, not the key.
-TEST(CraftedKey, TheKeyWithoutItsSeparatorConnects)
+TEST(PipeName, TheKeyWithoutItsSeparatorConnects)
 {
     TestSupport::ProgressDialogRegistration dialogs;
     Text key = UniqueKey(TEXT("name")) + TEXT("other");
