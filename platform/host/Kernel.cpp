@@ -35,13 +35,31 @@ const char16_t kCp1252High[32] = {0x20AC, 0x0081, 0x201A, 0x0192, 0x201E, 0x2026
 const ULONG_PTR kPointerSecret = 0x5A3C96E1B2D4F087ull;
 } // namespace
 
-DWORD GetLastError(void) { return t_lastError; }
-void SetLastError(DWORD error) { t_lastError = error; }
+DWORD GetLastError(void)
+{
+    return t_lastError;
+}
+void SetLastError(DWORD error)
+{
+    t_lastError = error;
+}
 
-LONG InterlockedIncrement(LONG volatile* value) { return AsAtomic(value)->fetch_add(1) + 1; }
-LONG InterlockedDecrement(LONG volatile* value) { return AsAtomic(value)->fetch_sub(1) - 1; }
-LONG InterlockedExchange(LONG volatile* target, LONG value) { return AsAtomic(target)->exchange(value); }
-LONG InterlockedExchangeAdd(LONG volatile* target, LONG value) { return AsAtomic(target)->fetch_add(value); }
+LONG InterlockedIncrement(LONG volatile* value)
+{
+    return AsAtomic(value)->fetch_add(1) + 1;
+}
+LONG InterlockedDecrement(LONG volatile* value)
+{
+    return AsAtomic(value)->fetch_sub(1) - 1;
+}
+LONG InterlockedExchange(LONG volatile* target, LONG value)
+{
+    return AsAtomic(target)->exchange(value);
+}
+LONG InterlockedExchangeAdd(LONG volatile* target, LONG value)
+{
+    return AsAtomic(target)->fetch_add(value);
+}
 LONG InterlockedCompareExchange(LONG volatile* target, LONG exchange, LONG comparand)
 {
     AsAtomic(target)->compare_exchange_strong(comparand, exchange);
@@ -58,7 +76,10 @@ PVOID InterlockedExchangePointer(PVOID volatile* target, PVOID value)
     return reinterpret_cast<std::atomic<PVOID>*>(const_cast<PVOID*>(target))->exchange(value);
 }
 
-void InitializeCriticalSection(LPCRITICAL_SECTION section) { InitializeCriticalSectionEx(section, 0, 0); }
+void InitializeCriticalSection(LPCRITICAL_SECTION section)
+{
+    InitializeCriticalSectionEx(section, 0, 0);
+}
 BOOL InitializeCriticalSectionAndSpinCount(LPCRITICAL_SECTION section, DWORD spinCount)
 {
     return InitializeCriticalSectionEx(section, spinCount, 0);
@@ -80,25 +101,53 @@ BOOL InitializeCriticalSectionEx(LPCRITICAL_SECTION section, DWORD spinCount, DW
     }
     return TRUE;
 }
-void EnterCriticalSection(LPCRITICAL_SECTION section) { pthread_mutex_lock(MutexOf(section)); }
+void EnterCriticalSection(LPCRITICAL_SECTION section)
+{
+    pthread_mutex_lock(MutexOf(section));
+}
 BOOL TryEnterCriticalSection(LPCRITICAL_SECTION section)
 {
     return pthread_mutex_trylock(MutexOf(section)) == 0 ? TRUE : FALSE;
 }
-void LeaveCriticalSection(LPCRITICAL_SECTION section) { pthread_mutex_unlock(MutexOf(section)); }
-void DeleteCriticalSection(LPCRITICAL_SECTION section) { pthread_mutex_destroy(MutexOf(section)); }
+void LeaveCriticalSection(LPCRITICAL_SECTION section)
+{
+    pthread_mutex_unlock(MutexOf(section));
+}
+void DeleteCriticalSection(LPCRITICAL_SECTION section)
+{
+    pthread_mutex_destroy(MutexOf(section));
+}
 
-PVOID EncodePointer(PVOID pointer) { return reinterpret_cast<PVOID>(reinterpret_cast<ULONG_PTR>(pointer) ^ kPointerSecret); }
-PVOID DecodePointer(PVOID pointer) { return reinterpret_cast<PVOID>(reinterpret_cast<ULONG_PTR>(pointer) ^ kPointerSecret); }
+PVOID EncodePointer(PVOID pointer)
+{
+    return reinterpret_cast<PVOID>(reinterpret_cast<ULONG_PTR>(pointer) ^ kPointerSecret);
+}
+PVOID DecodePointer(PVOID pointer)
+{
+    return reinterpret_cast<PVOID>(reinterpret_cast<ULONG_PTR>(pointer) ^ kPointerSecret);
+}
 
-DWORD GetCurrentProcessId(void) { return static_cast<DWORD>(getpid()); }
-DWORD GetCurrentThreadId(void) { return static_cast<DWORD>(syscall(SYS_gettid)); }
-HANDLE GetCurrentProcess(void) { return reinterpret_cast<HANDLE>(static_cast<LONG_PTR>(-1)); }
+DWORD GetCurrentProcessId(void)
+{
+    return static_cast<DWORD>(getpid());
+}
+DWORD GetCurrentThreadId(void)
+{
+    return static_cast<DWORD>(syscall(SYS_gettid));
+}
+HANDLE GetCurrentProcess(void)
+{
+    return reinterpret_cast<HANDLE>(static_cast<LONG_PTR>(-1));
+}
 
-HANDLE GetProcessHeap(void) { return reinterpret_cast<HANDLE>(static_cast<ULONG_PTR>(0x48454150)); }
+HANDLE GetProcessHeap(void)
+{
+    return reinterpret_cast<HANDLE>(static_cast<ULONG_PTR>(0x48454150));
+}
 LPVOID HeapAlloc(HANDLE, DWORD flags, SIZE_T bytes)
 {
-    void* memory = (flags & HEAP_ZERO_MEMORY) ? std::calloc(1, bytes ? bytes : 1) : std::malloc(bytes ? bytes : 1);
+    void* memory =
+        (flags & HEAP_ZERO_MEMORY) ? std::calloc(1, bytes ? bytes : 1) : std::malloc(bytes ? bytes : 1);
     if (!memory)
         SetLastError(ERROR_NOT_ENOUGH_MEMORY);
     return memory;
@@ -115,8 +164,14 @@ BOOL HeapFree(HANDLE, DWORD, LPVOID memory)
     std::free(memory);
     return TRUE;
 }
-SIZE_T HeapSize(HANDLE, DWORD, LPCVOID) { return static_cast<SIZE_T>(-1); }
-HLOCAL LocalAlloc(UINT flags, SIZE_T bytes) { return HeapAlloc(nullptr, (flags & LMEM_ZEROINIT) ? HEAP_ZERO_MEMORY : 0, bytes); }
+SIZE_T HeapSize(HANDLE, DWORD, LPCVOID)
+{
+    return static_cast<SIZE_T>(-1);
+}
+HLOCAL LocalAlloc(UINT flags, SIZE_T bytes)
+{
+    return HeapAlloc(nullptr, (flags & LMEM_ZEROINIT) ? HEAP_ZERO_MEMORY : 0, bytes);
+}
 HLOCAL LocalFree(HLOCAL memory)
 {
     std::free(memory);
@@ -230,38 +285,51 @@ LPWSTR CharNextW(LPCWSTR text)
 namespace
 {
 // Encodes one UTF-16 text into UTF-8 as Windows does: a lone surrogate becomes U+FFFD.
-std::string ToUtf8(LPCWSTR wide, size_t count)
+// Encodes as Windows does (an unpaired surrogate becomes U+FFFD), handing each byte to `put`; stops early,
+// with false, when `put` refuses one.
+template <class Put> bool EncodeUtf8(LPCWSTR wide, size_t count, Put&& put)
 {
-    std::string out;
-    out.reserve(count * 3);
     for (size_t i = 0; i < count; ++i)
     {
         uint32_t c = wide[i];
+        if (c < 0x80)
+        {
+            if (!put(static_cast<char>(c)))
+                return false;
+            continue;
+        }
         if (c >= 0xD800 && c <= 0xDBFF && i + 1 < count && wide[i + 1] >= 0xDC00 && wide[i + 1] <= 0xDFFF)
             c = 0x10000 + ((c - 0xD800) << 10) + (wide[++i] - 0xDC00);
         else if (c >= 0xD800 && c <= 0xDFFF)
             c = 0xFFFD;
-        if (c < 0x80)
-            out += static_cast<char>(c);
-        else if (c < 0x800)
-        {
-            out += static_cast<char>(0xC0 | (c >> 6));
-            out += static_cast<char>(0x80 | (c & 0x3F));
-        }
+        bool ok;
+        if (c < 0x800)
+            ok = put(static_cast<char>(0xC0 | (c >> 6))) && put(static_cast<char>(0x80 | (c & 0x3F)));
         else if (c < 0x10000)
-        {
-            out += static_cast<char>(0xE0 | (c >> 12));
-            out += static_cast<char>(0x80 | ((c >> 6) & 0x3F));
-            out += static_cast<char>(0x80 | (c & 0x3F));
-        }
+            ok = put(static_cast<char>(0xE0 | (c >> 12))) &&
+                 put(static_cast<char>(0x80 | ((c >> 6) & 0x3F))) &&
+                 put(static_cast<char>(0x80 | (c & 0x3F)));
         else
-        {
-            out += static_cast<char>(0xF0 | (c >> 18));
-            out += static_cast<char>(0x80 | ((c >> 12) & 0x3F));
-            out += static_cast<char>(0x80 | ((c >> 6) & 0x3F));
-            out += static_cast<char>(0x80 | (c & 0x3F));
-        }
+            ok = put(static_cast<char>(0xF0 | (c >> 18))) &&
+                 put(static_cast<char>(0x80 | ((c >> 12) & 0x3F))) &&
+                 put(static_cast<char>(0x80 | ((c >> 6) & 0x3F))) &&
+                 put(static_cast<char>(0x80 | (c & 0x3F)));
+        if (!ok)
+            return false;
     }
+    return true;
+}
+
+std::string ToUtf8(LPCWSTR wide, size_t count)
+{
+    std::string out;
+    out.reserve(count * 3);
+    EncodeUtf8(wide, count,
+               [&](char byte)
+               {
+                   out += byte;
+                   return true;
+               });
     return out;
 }
 
@@ -320,7 +388,10 @@ std::u16string FromUtf8(const unsigned char* bytes, size_t count, bool& invalid)
     return out;
 }
 
-bool KnownCodePage(UINT codePage) { return codePage == CP_UTF8 || codePage == CP_ACP || codePage == CP_THREAD_ACP || codePage == 1252; }
+bool KnownCodePage(UINT codePage)
+{
+    return codePage == CP_UTF8 || codePage == CP_ACP || codePage == CP_THREAD_ACP || codePage == 1252;
+}
 } // namespace
 
 int WideCharToMultiByte(UINT codePage, DWORD, LPCWSTR wide, int wideCount, LPSTR bytes, int byteCount, LPCSTR,
@@ -332,31 +403,49 @@ int WideCharToMultiByte(UINT codePage, DWORD, LPCWSTR wide, int wideCount, LPSTR
         return 0;
     }
     size_t count = wideCount < 0 ? static_cast<size_t>(lstrlenW(wide)) + 1 : static_cast<size_t>(wideCount);
-    std::string out;
     if (codePage == CP_UTF8)
-        out = ToUtf8(wide, count);
-    else
     {
-        if (usedDefault)
-            *usedDefault = FALSE;
-        out.reserve(count);
-        for (size_t i = 0; i < count; ++i)
+        // Straight into the caller's buffer, or only counted: callers measure first, and large texts are
+        // common.
+        size_t written = 0;
+        bool fits = EncodeUtf8(wide, count,
+                               [&](char byte)
+                               {
+                                   if (byteCount > 0)
+                                   {
+                                       if (written >= static_cast<size_t>(byteCount))
+                                           return false;
+                                       bytes[written] = byte;
+                                   }
+                                   return ++written <= 0x7FFFFFFF;
+                               });
+        if (!fits)
         {
-            char16_t c = wide[i];
-            char byte = '?';
-            if (c < 0x80 || (c >= 0xA0 && c <= 0xFF))
-                byte = static_cast<char>(c);
-            else
-            {
-                bool found = false;
-                for (int k = 0; k < 32 && !found; ++k)
-                    if (kCp1252High[k] == c)
-                        byte = static_cast<char>(0x80 + k), found = true;
-                if (!found && usedDefault)
-                    *usedDefault = TRUE;
-            }
-            out += byte;
+            SetLastError(written > 0x7FFFFFFF ? ERROR_INVALID_PARAMETER : ERROR_INSUFFICIENT_BUFFER);
+            return 0;
         }
+        return static_cast<int>(written);
+    }
+    if (usedDefault)
+        *usedDefault = FALSE;
+    std::string out;
+    out.reserve(count);
+    for (size_t i = 0; i < count; ++i)
+    {
+        char16_t c = wide[i];
+        char byte = '?';
+        if (c < 0x80 || (c >= 0xA0 && c <= 0xFF))
+            byte = static_cast<char>(c);
+        else
+        {
+            bool found = false;
+            for (int k = 0; k < 32 && !found; ++k)
+                if (kCp1252High[k] == c)
+                    byte = static_cast<char>(0x80 + k), found = true;
+            if (!found && usedDefault)
+                *usedDefault = TRUE;
+        }
+        out += byte;
     }
     if (out.size() > 0x7FFFFFFF)
     {
