@@ -7,6 +7,7 @@
 #include "tests/channel/UniqueKey.h"
 #include "tests/support/MessageBoxWatch.h"
 #include "tests/support/ProgressRecorder.h"
+#include "tests/support/StartedOperation.h"
 #include "tools/FakeService/FakeService.h"
 
 #include <gtest/gtest.h>
@@ -15,72 +16,21 @@
 #include <string>
 #include <vector>
 
-typedef std::basic_string<WCHAR> Text;
 typedef std::vector<std::string> Calls;
 typedef std::vector<BYTE> Bytes;
 
+using namespace TestSupport;
+
 namespace
 {
-ServiceScript Script(const char* text)
+// Runs the worker to its end and returns its exit code, having checked that it gave the module's lock back.
+DWORD Finish(const StartedOperation& worker)
 {
-    ServiceScript script;
-    std::string error;
-    EXPECT_TRUE(ServiceScript::Parse(text, script, error)) << error;
-    return script;
+    EXPECT_TRUE(worker.Started());
+    DWORD exitCode = worker.ExitCode();
+    EXPECT_EQ(0, ModuleLocks()) << "the worker gives the module's lock back";
+    return exitCode;
 }
-
-OperationJob* NewJob(const Text& key, DWORD operation = 12)
-{
-    OperationJob* job = new OperationJob;
-    job->m_pipeKey = key.c_str();
-    job->m_operation = operation;
-    job->m_showProgress = operation == 51 ? 0 : 1;
-    job->m_sourceList = TEXT("D:\\a.txt\n");
-    job->m_targetFolder = TEXT("E:\\in");
-    job->m_driveRootList = TEXT("e:\n");
-    job->m_sessionId = 1;
-    job->m_processId = 6699;
-    return job;
-}
-
-const DWORD WORKER_TIME_LIMIT = 20000;
-
-// Starts the worker and waits for its end; returns its exit code. The module's lock is back where it was.
-class Worker
-{
-public:
-    explicit Worker(OperationJob* job)
-    {
-        ModuleLockAcquire();
-        m_thread = CreateThread(nullptr, 0, OperationThreadProc, job, 0, nullptr);
-        if (!m_thread)
-        {
-            ModuleLockRelease();
-            DestroyOperationJob(job);
-        }
-    }
-    ~Worker()
-    {
-        if (m_thread)
-            CloseHandle(m_thread);
-    }
-    bool Running(DWORD milliseconds) { return WaitForSingleObject(m_thread, milliseconds) == WAIT_TIMEOUT; }
-    DWORD Finish()
-    {
-        EXPECT_TRUE(m_thread);
-        if (!m_thread)
-            return 0xFFFFFFFF;
-        EXPECT_EQ(WAIT_OBJECT_0, WaitForSingleObject(m_thread, WORKER_TIME_LIMIT));
-        DWORD exitCode = STILL_ACTIVE;
-        GetExitCodeThread(m_thread, &exitCode);
-        EXPECT_EQ(1, ModuleLockAcquire()) << "the worker gives the module's lock back";
-        ModuleLockRelease();
-        return exitCode;
-    }
-
-private:
-    HANDLE m_thread = nullptr;
-};
 
 // The dialog's calls from the worker's own start on.
 Calls CallsAfterStart(const TestSupport::ProgressJournal& journal)
@@ -116,7 +66,7 @@ TEST(OperationThread, QuickCopyFromRequestToEnd)
     OperationJob* job = NewJob(key);
     job->m_sourceList = TEXT("D:\\a.txt\nD:\\\u00E9.txt\n");
 
-    EXPECT_EQ(0u, Worker(job).Finish());
+    EXPECT_EQ(0u, Finish(StartedOperation(job)));
 
     EXPECT_EQ(Calls({"SetOperation 7", "SetMode 1", "SetOperation 2", "UpdateProgress 0 1000 0 8192 0 2",
                      "UpdateLocations c:\\windows c:\\windows\\fonts c:\\windows",
@@ -124,7 +74,7 @@ TEST(OperationThread, QuickCopyFromRequestToEnd)
                      "StopProgressDialog"}),
               CallsAfterStart(dialogs.journal));
     EXPECT_EQ(0, dialogs.journal.liveDialogs.load());
-    ASSERT_TRUE(service.WaitForSessions(1, WORKER_TIME_LIMIT));
+    ASSERT_TRUE(service.WaitForSessions(1, OPERATION_TIME_LIMIT));
     std::vector<ReceivedMessage> received = service.Received();
     ASSERT_EQ(1u, received.size());
     const Bytes request = {0x0C, 0x00, 0x00, 0x00, 0x00, 0x00, 0x00, 0x00, 0x00, 0x00, 0x00, 0x00, 0x13,
@@ -144,11 +94,11 @@ TEST(OperationThread, QuietOperationShowsNoDialog)
     FakeService service(key.c_str(), Script("send 51 2 5 5\nsend 51 3 1 1\nsend 51 4\n"));
     ASSERT_TRUE(service.Start());
 
-    EXPECT_EQ(0u, Worker(NewJob(key, 51)).Finish());
+    EXPECT_EQ(0u, Finish(StartedOperation(NewJob(key, 51))));
 
     EXPECT_EQ(0, dialogs.journal.dialogsMade.load());
     EXPECT_EQ(0, dialogs.journal.statusQueries.load());
-    ASSERT_TRUE(service.WaitForSessions(1, WORKER_TIME_LIMIT));
+    ASSERT_TRUE(service.WaitForSessions(1, OPERATION_TIME_LIMIT));
     ASSERT_EQ(1u, service.Received().size());
     EXPECT_EQ(51u, service.Received()[0].message.kind);
 }
@@ -169,9 +119,9 @@ TEST(OperationThread, CancelGoesOutOnceAndTheReportsAfterItStillCount)
                                             "send 21 4 2 8192\n"));
     ASSERT_TRUE(service.Start());
 
-    EXPECT_EQ(0u, Worker(NewJob(key)).Finish());
+    EXPECT_EQ(0u, Finish(StartedOperation(NewJob(key))));
 
-    ASSERT_TRUE(service.WaitForSessions(1, WORKER_TIME_LIMIT));
+    ASSERT_TRUE(service.WaitForSessions(1, OPERATION_TIME_LIMIT));
     EXPECT_EQ(1, service.CancelsReceived());
     std::vector<ReceivedMessage> received = service.Received();
     ASSERT_EQ(2u, received.size());
@@ -191,7 +141,7 @@ TEST(OperationThread, ServiceGoneRightAfterTheRequestEndsTheOperation)
     FakeService service(key.c_str(), Script("vanish\n"));
     ASSERT_TRUE(service.Start());
 
-    EXPECT_EQ(0u, Worker(NewJob(key)).Finish());
+    EXPECT_EQ(0u, Finish(StartedOperation(NewJob(key))));
 
     EXPECT_EQ(Calls({"StopProgressDialog"}), CallsAfterStart(dialogs.journal));
     EXPECT_EQ(0, dialogs.journal.liveDialogs.load());
@@ -204,12 +154,12 @@ TEST(OperationThread, SilentServiceKeepsTheLoopPolling)
     Text key = UniqueKey(TEXT("worker-test"));
     FakeService service(key.c_str(), Script("pause 600\nsend 98 4\nsend 99 3 1 1 1 1\n"));
     ASSERT_TRUE(service.Start());
-    Worker worker(NewJob(key));
+    StartedOperation worker(NewJob(key));
 
-    EXPECT_TRUE(worker.Running(300)) << "no time-out while the service is silent";
+    EXPECT_TRUE(!worker.EndsWithin(300)) << "no time-out while the service is silent";
     int queries = dialogs.journal.statusQueries.load();
     EXPECT_GE(queries, 5) << "one look at the dialog per 10 ms trip";
-    EXPECT_EQ(0u, worker.Finish());
+    EXPECT_EQ(0u, Finish(worker));
     EXPECT_GT(dialogs.journal.statusQueries.load(), queries);
     // The notice changes nothing; the end changes no counter.
     EXPECT_EQ(Calls({"StopProgressDialog"}), CallsAfterStart(dialogs.journal));
@@ -222,12 +172,12 @@ TEST(OperationThread, AnEndingMessageClosesThePipeBeforeTheDialog)
     Text key = UniqueKey(TEXT("worker-test"));
     FakeService service(key.c_str(), Script("send 21 99\npause 20000\n"));
     ASSERT_TRUE(service.Start());
-    Worker worker(NewJob(key));
+    StartedOperation worker(NewJob(key));
 
-    ASSERT_TRUE(service.WaitForSessions(1, WORKER_TIME_LIMIT)) << "the client closed its end";
+    ASSERT_TRUE(service.WaitForSessions(1, OPERATION_TIME_LIMIT)) << "the client closed its end";
     Calls atClose = dialogs.journal.Calls();
     EXPECT_EQ(0, std::count(atClose.begin(), atClose.end(), "StopProgressDialog"));
-    EXPECT_EQ(0u, worker.Finish());
+    EXPECT_EQ(0u, Finish(worker));
     EXPECT_EQ(Calls({"StopProgressDialog"}), CallsAfterStart(dialogs.journal));
 }
 
@@ -247,7 +197,7 @@ TEST(OperationThread, MalformedAndOversizeMessagesAreDropped)
                                             "send 21 4 2 8192\n"));
     ASSERT_TRUE(service.Start());
 
-    EXPECT_EQ(0u, Worker(NewJob(key)).Finish());
+    EXPECT_EQ(0u, Finish(StartedOperation(NewJob(key))));
 
     EXPECT_EQ(Calls({"SetMode 1", "SetOperation 2", "UpdateProgress 0 1000 0 8192 0 2",
                      "UpdateProgress 500 1000 4096 8192 1 2", "UpdateProgress 1000 1000 8192 8192 2 2",
@@ -260,7 +210,7 @@ TEST(OperationThread, NoServiceIsAFailedStartWithoutAWord)
     TestSupport::ProgressDialogRegistration dialogs;
     TestSupport::MessageBoxWatch boxes;
 
-    EXPECT_EQ(static_cast<DWORD>(E_FAIL), Worker(NewJob(UniqueKey(TEXT("worker-test")))).Finish());
+    EXPECT_EQ(static_cast<DWORD>(E_FAIL), Finish(StartedOperation(NewJob(UniqueKey(TEXT("worker-test"))))));
 
     EXPECT_EQ(0, dialogs.journal.dialogsMade.load());
     EXPECT_TRUE(boxes.Seen().empty());
@@ -274,13 +224,13 @@ TEST(OperationThread, ADialogThatCannotBeMadeStopsTheOperationBeforeTheRequest)
     FakeService service(key.c_str(), Script("send 21 4 1 1\n"));
     ASSERT_TRUE(service.Start());
 
-    EXPECT_EQ(static_cast<DWORD>(E_FAIL), Worker(NewJob(key)).Finish());
+    EXPECT_EQ(static_cast<DWORD>(E_FAIL), Finish(StartedOperation(NewJob(key))));
 
     std::vector<TestSupport::SeenMessageBox> seen = boxes.Seen();
     ASSERT_EQ(1u, seen.size());
     EXPECT_EQ("File Operation Error", seen[0].caption);
     EXPECT_EQ("Create Progress Dialog Failed", seen[0].text);
-    ASSERT_TRUE(service.WaitForSessions(1, WORKER_TIME_LIMIT)) << "the client closed without a request";
+    ASSERT_TRUE(service.WaitForSessions(1, OPERATION_TIME_LIMIT)) << "the client closed without a request";
     EXPECT_TRUE(service.Received().empty());
 }
 
@@ -296,9 +246,9 @@ TEST(OperationThread, ARequestPastTheLimitEndsTheOperation)
     // 349,504 characters of three UTF-8 bytes each pass the limit even with the other strings empty.
     job->m_sourceList = Text(349504, static_cast<WCHAR>(0x6F22)).c_str();
 
-    EXPECT_EQ(0u, Worker(job).Finish());
+    EXPECT_EQ(0u, Finish(StartedOperation(job)));
 
     EXPECT_EQ(Calls({"StopProgressDialog"}), CallsAfterStart(dialogs.journal));
-    ASSERT_TRUE(service.WaitForSessions(1, WORKER_TIME_LIMIT));
+    ASSERT_TRUE(service.WaitForSessions(1, OPERATION_TIME_LIMIT));
     EXPECT_TRUE(service.Received().empty());
 }

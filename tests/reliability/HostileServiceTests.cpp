@@ -3,7 +3,7 @@
 // operations at once. Every operation ends, gives back what it holds, and takes from a message only the bytes
 // that message brought.
 #include "tests/channel/UniqueKey.h"
-#include "tests/reliability/StartedOperation.h"
+#include "tests/support/StartedOperation.h"
 #include "tests/support/MessageBoxWatch.h"
 #include "tests/support/ProgressRecorder.h"
 #include "tools/FakeService/FakeService.h"
@@ -18,7 +18,7 @@
 #include <string>
 #include <vector>
 
-using namespace Reliability;
+using namespace TestSupport;
 
 namespace
 {

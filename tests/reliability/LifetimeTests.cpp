@@ -5,14 +5,14 @@
 #include "foundation/WideString.h"
 #include "tests/channel/UniqueKey.h"
 #include "tests/module/ComModule/LibraryPath.h"
-#include "tests/reliability/StartedOperation.h"
 #include "tests/support/ManagedDrive.h"
+#include "tests/support/StartedOperation.h"
 #include "tests/support/World.h"
 #include "tools/FakeService/FakeService.h"
 
 #include <gtest/gtest.h>
 
-using namespace Reliability;
+using namespace TestSupport;
 
 namespace
 {

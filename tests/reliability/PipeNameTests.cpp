@@ -2,14 +2,14 @@
 // all: a key with a separator is a failed start (nothing sent, nothing shown), even where a pipe of exactly
 // that name is listening.
 #include "tests/channel/UniqueKey.h"
-#include "tests/reliability/StartedOperation.h"
+#include "tests/support/StartedOperation.h"
 #include "tests/support/MessageBoxWatch.h"
 #include "tests/support/ProgressRecorder.h"
 #include "tools/FakeService/FakeService.h"
 
 #include <gtest/gtest.h>
 
-using namespace Reliability;
+using namespace TestSupport;
 
 namespace
 {

@@ -11,7 +11,7 @@
 
 #include <string>
 
-namespace Reliability
+namespace TestSupport
 {
 typedef std::basic_string<WCHAR> Text;
 
@@ -26,7 +26,7 @@ inline ServiceScript Script(const std::string& text)
 }
 
 // A Quick Copy (with progress) or a quiet operation of one file.
-inline OperationJob* NewJob(const Text& key, LONG operation = 12)
+inline OperationJob* NewJob(const Text& key, DWORD operation = 12)
 {
     OperationJob* job = new OperationJob;
     job->m_pipeKey = key.c_str();
@@ -85,4 +85,4 @@ public:
 private:
     HANDLE m_thread = nullptr;
 };
-} // namespace Reliability
+} // namespace TestSupport
