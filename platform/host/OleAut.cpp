@@ -3,12 +3,12 @@
 #include "platform/host/Kernel.h"
 #include "platform/host/Registry.h"
 #include "platform/host/Resources.h"
+#include "platform/host/SingleInterface.h"
 #if __has_include("platform/host/Loader.h")
 #include "platform/host/Loader.h"
 #define VM_HAVE_LOADER 1
 #endif
 
-#include <atomic>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -190,30 +190,9 @@ private:
     const std::vector<BYTE>& m_data;
 };
 
-class HostTypeLib : public ITypeLib
+class HostTypeLib final : public SingleInterface<HostTypeLib, ITypeLib, IID_ITypeLib>
 {
 public:
-    HRESULT STDMETHODCALLTYPE QueryInterface(REFIID iid, void** out) override
-    {
-        if (!out)
-            return E_POINTER;
-        if (iid == IID_IUnknown || iid == IID_ITypeLib)
-        {
-            *out = static_cast<ITypeLib*>(this);
-            AddRef();
-            return S_OK;
-        }
-        *out = nullptr;
-        return E_NOINTERFACE;
-    }
-    ULONG STDMETHODCALLTYPE AddRef() override { return ++m_references; }
-    ULONG STDMETHODCALLTYPE Release() override
-    {
-        ULONG left = --m_references;
-        if (!left)
-            delete this;
-        return left;
-    }
     UINT STDMETHODCALLTYPE GetTypeInfoCount() override { return static_cast<UINT>(m_types.size()); }
     HRESULT STDMETHODCALLTYPE GetTypeInfo(UINT, ITypeInfo** info) override
     {
@@ -293,8 +272,8 @@ public:
     const Text& Name() const { return m_hasDoc ? m_doc : m_name; }
 
 private:
-    virtual ~HostTypeLib() = default;
-    std::atomic<ULONG> m_references{1};
+    friend class SingleInterface<HostTypeLib, ITypeLib, IID_ITypeLib>;
+    ~HostTypeLib() = default;
     TLIBATTR m_attr = {};
     Text m_name, m_doc, m_helpFile;
     bool m_hasDoc = false, m_hasHelpFile = false;

@@ -3,6 +3,7 @@
 #include "platform/host/ControlFiles.h"
 #include "platform/host/ControlProgress.h"
 #include "platform/host/Kernel.h"
+#include "platform/host/SingleInterface.h"
 
 #include <atomic>
 #include <cstring>
@@ -13,33 +14,12 @@ namespace
 {
 std::atomic<long> g_liveItems{0};
 
-class PathItem final : public IShellItem
+class PathItem final : public SingleInterface<PathItem, IShellItem, IID_IShellItem>
 {
 public:
     explicit PathItem(std::u16string path) : m_path(std::move(path)) { ++g_liveItems; }
     ~PathItem() { --g_liveItems; }
 
-    HRESULT STDMETHODCALLTYPE QueryInterface(REFIID iid, void** object) override
-    {
-        if (!object)
-            return E_POINTER;
-        if (iid == IID_IUnknown || iid == IID_IShellItem)
-        {
-            *object = static_cast<IShellItem*>(this);
-            AddRef();
-            return S_OK;
-        }
-        *object = nullptr;
-        return E_NOINTERFACE;
-    }
-    ULONG STDMETHODCALLTYPE AddRef() override { return ++m_references; }
-    ULONG STDMETHODCALLTYPE Release() override
-    {
-        ULONG left = --m_references;
-        if (left == 0)
-            delete this;
-        return left;
-    }
     HRESULT STDMETHODCALLTYPE BindToHandler(void*, REFGUID, REFIID, void** object) override
     {
         if (object)
@@ -79,9 +59,6 @@ public:
     }
 
     const std::u16string m_path;
-
-private:
-    std::atomic<ULONG> m_references{1};
 };
 
 // The shell makes items only of what is there, and spells their paths as the file system does, the drive
