@@ -1,13 +1,18 @@
 // The menu decisions without a menu: the drop table, the default-item table, the chooser outcomes, the FMI
 // text and the separator rules, all over plain records.
 #include "extension/MenuPlan.h"
+#include "tests/support/ProgressRecorder.h"
 
 #include <gtest/gtest.h>
 
 #include <string>
 
+using TestSupport::Narrow;
+
 namespace
 {
+typedef std::vector<std::string> Lines;
+
 const LONG CTRL = 0x01;
 const LONG SHIFT = 0x02;
 
@@ -40,18 +45,10 @@ CustomMenuItem Fmi(LPCWSTR caption, LONG code)
     return item;
 }
 
-std::string Narrow(const WideString& text)
-{
-    std::string out;
-    for (int i = 0; i < text.GetLength(); ++i)
-        out += static_cast<char>(text[i]);
-    return out;
-}
-
 // The plan as lines: "position id caption" for items, "position (id) -" for separators.
-std::vector<std::string> Steps(const MenuPlan& plan)
+Lines Steps(const MenuPlan& plan)
 {
-    std::vector<std::string> lines;
+    Lines lines;
     for (const MenuStep& step : plan.steps)
     {
         if (step.kind == MenuStepKind::Separator)
@@ -63,9 +60,9 @@ std::vector<std::string> Steps(const MenuPlan& plan)
     return lines;
 }
 
-std::vector<std::string> Records(const MenuPlan& plan)
+Lines Records(const MenuPlan& plan)
 {
-    std::vector<std::string> lines;
+    Lines lines;
     for (const MenuCommandEntry& entry : plan.commands)
         lines.push_back(std::to_string(entry.m_position) + ", " + std::to_string(entry.m_operation) + ", " +
                         Narrow(entry.m_key));
@@ -263,8 +260,7 @@ TEST(BuildMenuPlan, QuickItemAbsentFromTheMenuIsNeverTheDefault)
     MenuPlan plan = BuildMenuPlan(request, 1, 0);
     EXPECT_FALSE(plan.quickItem);
     EXPECT_FALSE(plan.defaultItem);
-    EXPECT_EQ(Steps(plan),
-              (std::vector<std::string>{"0 (100) -", "1 101 Velmount Quick Delete", "2 (102) -"}));
+    EXPECT_EQ(Steps(plan), (Lines{"0 (100) -", "1 101 Velmount Quick Delete", "2 (102) -"}));
 }
 
 TEST(BuildMenuPlan, MoveAcrossDrivesNeverAsksNorDefaults)
@@ -276,7 +272,7 @@ TEST(BuildMenuPlan, MoveAcrossDrivesNeverAsksNorDefaults)
     request.target.mi = 1;
     request.target.defaultAction = 0;
     MenuPlan plan = BuildMenuPlan(request, 2, 1);
-    EXPECT_EQ(Steps(plan), (std::vector<std::string>{"0 (100) -"}));
+    EXPECT_EQ(Steps(plan), (Lines{"0 (100) -"}));
     EXPECT_EQ(plan.chooserOperation, 0u);
     EXPECT_EQ(plan.result, 1u);
 
@@ -398,93 +394,65 @@ TEST(AddMenuCommand, KeepsItsOwnCopyOfTheKey)
 // ---------------------------------------------------------------------------------------------------------
 // Separators and the caption scan.
 
-TEST(BuildMenuPlan, NothingToAddStillGetsOneSeparator)
+// How the FMI lines meet the entries above the insertion point: a match is someone else's entry (its record
+// can never answer a verb), the rest go in between separators.
+TEST(BuildMenuPlan, FmiGroupTable)
 {
-    MenuRequest request = Request(Shape::Background);
-    request.indexMenu = 3;
-    request.idCmdFirst = 300;
-    MenuPlan plan = BuildMenuPlan(request, 0, 1);
-    EXPECT_EQ(Steps(plan), (std::vector<std::string>{"3 (300) -"}));
-    EXPECT_TRUE(plan.commands.empty());
-    EXPECT_EQ(plan.result, 1u);
-}
-
-TEST(BuildMenuPlan, AllFmiItemsMatchedLeaveOnlyTheClosingSeparator)
-{
-    MenuRequest request = Request(Shape::Background);
-    request.indexMenu = 2;
-    request.idCmdFirst = 300;
-    request.existingItems = {{0, 40, TEXT("Open")}, {1, 41, TEXT("New share")}};
-    request.customItems = {Fmi(TEXT("New share"), 51)};
-    request.customCount = 1;
-    MenuPlan plan = BuildMenuPlan(request, 0, 1);
-    EXPECT_EQ(Steps(plan), (std::vector<std::string>{"2 (300) -"}));
-    EXPECT_EQ(Records(plan), (std::vector<std::string>{std::to_string(FOREIGN_MENU_ENTRY) + ", 51, vm-77"}));
-    EXPECT_EQ(plan.result, 1u);
-}
-
-TEST(BuildMenuPlan, TwoLinesWithOneCaptionInsertOneItem)
-{
-    MenuRequest request = Request(Shape::Background);
-    request.indexMenu = 1;
-    request.idCmdFirst = 10;
-    request.existingItems = {{0, 7, TEXT("Open")}};
-    request.customItems = {Fmi(TEXT("Sync"), 60), Fmi(TEXT("Sync"), 61), Fmi(TEXT("Other"), 62)};
-    request.customCount = 3;
-    MenuPlan plan = BuildMenuPlan(request, 0, 1);
-    EXPECT_EQ(Steps(plan), (std::vector<std::string>{"1 (10) -", "2 11 Sync", "3 12 Other", "4 (13) -"}));
-    // The second line matches the item the first inserted and is recorded under that item's offset; the
-    // first record, which InvokeCommand finds first, keeps the first line's code.
-    EXPECT_EQ(Records(plan), (std::vector<std::string>{"1, 60, vm-77", "1, 61, vm-77", "2, 62, vm-77"}));
-    EXPECT_EQ(plan.result, 4u);
-}
-
-TEST(BuildMenuPlan, EveryMatchingEntryGetsARecord)
-{
-    MenuRequest request = Request(Shape::Background);
-    request.indexMenu = 4;
-    request.idCmdFirst = 10;
-    // Position 1 is not listed (the menu refused it); a separator has an empty caption.
-    request.existingItems = {{0, 5, TEXT("Sync")}, {2, 0, TEXT("")}, {3, 9, TEXT("Sync")}};
-    request.customItems = {Fmi(TEXT("Sync"), 60), Fmi(TEXT("sync"), 61)};
-    request.customCount = 2;
-    MenuPlan plan = BuildMenuPlan(request, 0, 1);
+    typedef std::vector<ExistingMenuEntry> Entries;
+    typedef std::vector<CustomMenuItem> Fmis;
     const std::string foreign = std::to_string(FOREIGN_MENU_ENTRY);
-    EXPECT_EQ(Records(plan),
-              (std::vector<std::string>{foreign + ", 60, vm-77", foreign + ", 60, vm-77", "0, 61, vm-77"}));
-    // The match opened the group: "sync" (another case) goes in without a separator before it.
-    EXPECT_EQ(Steps(plan), (std::vector<std::string>{"4 10 sync", "5 (11) -"}));
-}
-
-TEST(BuildMenuPlan, IndexMenuZeroLeavesNothingToScan)
-{
-    MenuRequest request = Request(Shape::Background);
-    request.indexMenu = 0;
-    request.existingItems = {{0, 5, TEXT("Sync")}}; // lies behind the insertion point
-    request.customItems = {Fmi(TEXT("Sync"), 60)};
-    request.customCount = 1;
-    MenuPlan plan = BuildMenuPlan(request, 0, 1);
-    EXPECT_EQ(Steps(plan), (std::vector<std::string>{"0 (100) -", "1 101 Sync", "2 (102) -"}));
-    EXPECT_EQ(Records(plan), (std::vector<std::string>{"1, 60, vm-77"}));
-}
-
-TEST(BuildMenuPlan, CaptionsCompareAsTheMenuShowsThem)
-{
-    // The menu gives at most 259 units of a caption: two equal long captions never match, one cut to 259
-    // units in the menu matches a line of exactly those units.
-    std::basic_string<WCHAR> longCaption(300, TEXT('x'));
-    MenuRequest request = Request(Shape::Background);
-    request.indexMenu = 1;
-    request.existingItems = {{0, 5, WideString(std::basic_string<WCHAR>(259, TEXT('y')).c_str())}};
-    request.customItems = {Fmi(longCaption.c_str(), 60), Fmi(longCaption.c_str(), 61),
-                           Fmi(std::basic_string<WCHAR>(259, TEXT('y')).c_str(), 62)};
-    request.customCount = 3;
-    MenuPlan plan = BuildMenuPlan(request, 0, 1);
-    ASSERT_EQ(plan.steps.size(), 4u); // separator, both long items, closing separator
-    EXPECT_EQ(plan.steps[1].kind, MenuStepKind::Item);
-    EXPECT_EQ(plan.steps[2].kind, MenuStepKind::Item);
-    EXPECT_EQ(Records(plan), (std::vector<std::string>{"1, 60, vm-77", "2, 61, vm-77",
-                                                       std::to_string(FOREIGN_MENU_ENTRY) + ", 62, vm-77"}));
+    const std::basic_string<WCHAR> x300(300, TEXT('x')), y259(259, TEXT('y'));
+    const std::string inserted300 = " " + std::string(300, 'x');
+    const struct
+    {
+        const char* what;
+        UINT indexMenu, idCmdFirst;
+        Entries existing;
+        Fmis fmi;
+        Lines steps, records;
+        UINT result;
+    } rows[] = {
+        {"nothing to add still gets one separator", 3, 300, Entries{}, Fmis{}, Lines{"3 (300) -"}, Lines{},
+         1},
+        {"all lines matched leave only the closing separator", 2, 300,
+         Entries{{0, 40, TEXT("Open")}, {1, 41, TEXT("New share")}}, Fmis{Fmi(TEXT("New share"), 51)},
+         Lines{"2 (300) -"}, Lines{foreign + ", 51, vm-77"}, 1},
+        // The second line matches the item the first inserted and is recorded under that item's offset; the
+        // first record, which InvokeCommand finds first, keeps the first line's code.
+        {"two lines with one caption insert one item", 1, 10, Entries{{0, 7, TEXT("Open")}},
+         Fmis{Fmi(TEXT("Sync"), 60), Fmi(TEXT("Sync"), 61), Fmi(TEXT("Other"), 62)},
+         Lines{"1 (10) -", "2 11 Sync", "3 12 Other", "4 (13) -"},
+         Lines{"1, 60, vm-77", "1, 61, vm-77", "2, 62, vm-77"}, 4},
+        // Position 1 is not listed (the menu refused it); a separator has an empty caption. The match opened
+        // the group: "sync" (another case) goes in without a separator before it.
+        {"every matching entry gets a record", 4, 10,
+         Entries{{0, 5, TEXT("Sync")}, {2, 0, TEXT("")}, {3, 9, TEXT("Sync")}},
+         Fmis{Fmi(TEXT("Sync"), 60), Fmi(TEXT("sync"), 61)}, Lines{"4 10 sync", "5 (11) -"},
+         Lines{foreign + ", 60, vm-77", foreign + ", 60, vm-77", "0, 61, vm-77"}, 2},
+        // The entry at position 0 lies behind the insertion point.
+        {"index 0 leaves nothing to scan", 0, 100, Entries{{0, 5, TEXT("Sync")}}, Fmis{Fmi(TEXT("Sync"), 60)},
+         Lines{"0 (100) -", "1 101 Sync", "2 (102) -"}, Lines{"1, 60, vm-77"}, 3},
+        // The menu gives at most 259 units of a caption: two equal long captions never match, one cut to 259
+        // units in the menu matches a line of exactly those units.
+        {"captions compare as the menu shows them", 1, 100, Entries{{0, 5, WideString(y259.c_str())}},
+         Fmis{Fmi(x300.c_str(), 60), Fmi(x300.c_str(), 61), Fmi(y259.c_str(), 62)},
+         Lines{"1 (100) -", "2 101" + inserted300, "3 102" + inserted300, "4 (103) -"},
+         Lines{"1, 60, vm-77", "2, 61, vm-77", foreign + ", 62, vm-77"}, 4},
+    };
+    for (const auto& row : rows)
+    {
+        SCOPED_TRACE(row.what);
+        MenuRequest request = Request(Shape::Background);
+        request.indexMenu = row.indexMenu;
+        request.idCmdFirst = row.idCmdFirst;
+        request.existingItems = row.existing;
+        request.customItems = row.fmi;
+        request.customCount = static_cast<LONG>(row.fmi.size());
+        MenuPlan plan = BuildMenuPlan(request, 0, 1);
+        EXPECT_EQ(Steps(plan), row.steps);
+        EXPECT_EQ(Records(plan), row.records);
+        EXPECT_EQ(plan.result, row.result);
+    }
 }
 
 TEST(BuildMenuPlan, QuickItemsFollowTheFmiGroupBehindAMiddleSeparator)
@@ -497,11 +465,9 @@ TEST(BuildMenuPlan, QuickItemsFollowTheFmiGroupBehindAMiddleSeparator)
     request.customItems = {Fmi(TEXT("Share link"), 51)};
     request.customCount = 1;
     MenuPlan plan = BuildMenuPlan(request, 0, 0);
-    EXPECT_EQ(Steps(plan), (std::vector<std::string>{"2 (50) -", "3 51 Share link", "4 (52) -",
-                                                     "5 53 Velmount Quick Copy", "6 54 Velmount Quick Move",
-                                                     "7 55 Velmount Quick Delete", "8 (56) -"}));
-    EXPECT_EQ(Records(plan),
-              (std::vector<std::string>{"1, 51, vm-77", "3, 12, vm-77", "4, 13, vm-77", "5, 14, vm-77"}));
+    EXPECT_EQ(Steps(plan), (Lines{"2 (50) -", "3 51 Share link", "4 (52) -", "5 53 Velmount Quick Copy",
+                                  "6 54 Velmount Quick Move", "7 55 Velmount Quick Delete", "8 (56) -"}));
+    EXPECT_EQ(Records(plan), (Lines{"1, 51, vm-77", "3, 12, vm-77", "4, 13, vm-77", "5, 14, vm-77"}));
     EXPECT_EQ(plan.quickCopyOffset, 3);
     EXPECT_EQ(plan.quickMoveOffset, 4);
     EXPECT_EQ(plan.quickDeleteOffset, 5);
