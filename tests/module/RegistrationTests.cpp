@@ -216,8 +216,10 @@ protected:
 
 TEST_F(RegistrationTest, PerMachineFootprintComesAndGoes)
 {
-    ProductCopy library("Velmount");
+    // An apostrophe in the path must reach the registry once, neither doubled nor taken for a quote.
+    ProductCopy library("It's Velmount");
     ASSERT_TRUE(library.Loaded());
+    ASSERT_NE(std::string::npos, library.Path().find("It's Velmount"));
 
     // The scripts run in the system's default locale; the caller's comes back afterwards.
     ASSERT_TRUE(SetThreadLocale(0x0407));
@@ -320,17 +322,6 @@ TEST_F(RegistrationTest, ARefusedApprovedListWritesNothing)
     EXPECT_EQ(E_ACCESSDENIED, library.Install(TRUE, TEXT("user")));
     EXPECT_EQ(Lines(), ScriptFootprint(HKEY_CURRENT_USER));
     EXPECT_EQ("(none)", TypeLibraryPath());
-}
-
-TEST_F(RegistrationTest, AnApostropheInThePathReachesTheRegistryOnce)
-{
-    ProductCopy library("It's Velmount");
-    ASSERT_TRUE(library.Loaded());
-    ASSERT_NE(std::string::npos, library.Path().find("It's Velmount"));
-    ASSERT_EQ(S_OK, library.Register());
-    ExpectRegistered(library, false);
-    ASSERT_EQ(S_OK, library.Unregister());
-    ExpectUnregistered(false);
 }
 
 TEST_F(RegistrationTest, APathOf260CharactersIsTooLong)
