@@ -203,8 +203,6 @@ INSTANTIATE_TEST_SUITE_P(
               0},
         Shape{"DropUseZero", Folder::Managed, Data::Paths, Use::Zero, E_INVALIDARG, 0, 0, 0, 0, false, false,
               0},
-        Shape{"DropUseMissing", Folder::Managed, Data::Paths, Use::Missing, E_INVALIDARG, 0, 0, 0, 0, false,
-              false, 0},
         Shape{"DropNoPath", Folder::Virtual, Data::Paths, Use::One, E_INVALIDARG, 0, 0, 1, 0, false, false,
               0},
         Shape{"DropNoMarker", Folder::Plain, Data::Paths, Use::One, E_INVALIDARG, 0, 0, 1, 0, true, false, 0},
