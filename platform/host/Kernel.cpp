@@ -1,6 +1,7 @@
 #include "platform/host/Kernel.h"
 
 #include <atomic>
+#include <cstdint>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -9,6 +10,9 @@
 #include <string>
 #include <sys/syscall.h>
 #include <unistd.h>
+#if defined(__SSE2__)
+#include <emmintrin.h>
+#endif
 
 namespace
 {
@@ -263,14 +267,25 @@ int lstrcmpW(LPCWSTR a, LPCWSTR b)
     }
     return *a == *b ? 0 : (*a < *b ? -1 : 1);
 }
-int lstrlenW(LPCWSTR text)
+// Finds the terminator eight units at a time. A block is read only from an aligned address, so it never
+// reaches into another page, though it may read the units just behind the terminator: that is why the
+// function is kept from the address sanitizer, whose shadow knows nothing of alignment.
+__attribute__((no_sanitize_address)) int lstrlenW(LPCWSTR text)
 {
     if (!text)
         return 0;
-    int length = 0;
-    while (text[length])
-        ++length;
-    return length;
+    const WCHAR* at = text;
+#if defined(__SSE2__)
+    for (; reinterpret_cast<uintptr_t>(at) % sizeof(__m128i); ++at)
+        if (!*at)
+            return static_cast<int>(at - text);
+    const __m128i zero = _mm_setzero_si128();
+    while (!_mm_movemask_epi8(_mm_cmpeq_epi16(_mm_load_si128(reinterpret_cast<const __m128i*>(at)), zero)))
+        at += 8;
+#endif
+    while (*at)
+        ++at;
+    return static_cast<int>(at - text);
 }
 LPWSTR CharNextW(LPCWSTR text)
 {
@@ -284,108 +299,197 @@ LPWSTR CharNextW(LPCWSTR text)
 
 namespace
 {
-// Encodes one UTF-16 text into UTF-8 as Windows does: a lone surrogate becomes U+FFFD.
-// Encodes as Windows does (an unpaired surrogate becomes U+FFFD), handing each byte to `put`; stops early,
-// with false, when `put` refuses one.
-template <class Put> bool EncodeUtf8(LPCWSTR wide, size_t count, Put&& put)
+// Paths and lists are nearly all ASCII, and a large list is converted more than once on its way to the pipe:
+// where the host has SSE2, the converters take eight ASCII units (or bytes) at a time and fall back to one
+// character at a time at anything else.
+const size_t kBlock = 8;
+
+// Eight units, if all are ASCII, as eight bytes at `out`; false, with nothing written, if any is not. With
+// `out` null, only the test.
+bool NarrowAscii(const char16_t* wide, char* out)
 {
-    for (size_t i = 0; i < count; ++i)
-    {
-        uint32_t c = wide[i];
-        if (c < 0x80)
-        {
-            if (!put(static_cast<char>(c)))
-                return false;
-            continue;
-        }
-        if (c >= 0xD800 && c <= 0xDBFF && i + 1 < count && wide[i + 1] >= 0xDC00 && wide[i + 1] <= 0xDFFF)
-            c = 0x10000 + ((c - 0xD800) << 10) + (wide[++i] - 0xDC00);
-        else if (c >= 0xD800 && c <= 0xDFFF)
-            c = 0xFFFD;
-        bool ok;
-        if (c < 0x800)
-            ok = put(static_cast<char>(0xC0 | (c >> 6))) && put(static_cast<char>(0x80 | (c & 0x3F)));
-        else if (c < 0x10000)
-            ok = put(static_cast<char>(0xE0 | (c >> 12))) &&
-                 put(static_cast<char>(0x80 | ((c >> 6) & 0x3F))) &&
-                 put(static_cast<char>(0x80 | (c & 0x3F)));
-        else
-            ok = put(static_cast<char>(0xF0 | (c >> 18))) &&
-                 put(static_cast<char>(0x80 | ((c >> 12) & 0x3F))) &&
-                 put(static_cast<char>(0x80 | ((c >> 6) & 0x3F))) &&
-                 put(static_cast<char>(0x80 | (c & 0x3F)));
-        if (!ok)
-            return false;
-    }
+#if defined(__SSE2__)
+    __m128i units = _mm_loadu_si128(reinterpret_cast<const __m128i*>(wide));
+    __m128i high = _mm_and_si128(units, _mm_set1_epi16(static_cast<short>(0xFF80)));
+    if (_mm_movemask_epi8(_mm_cmpeq_epi16(high, _mm_setzero_si128())) != 0xFFFF)
+        return false;
+    if (out)
+        _mm_storel_epi64(reinterpret_cast<__m128i*>(out), _mm_packus_epi16(units, units));
     return true;
+#else
+    (void)wide, (void)out; // no blocks: every character takes the path of one
+    return false;
+#endif
+}
+
+// Eight bytes, if all are ASCII, as eight units at `out`; as NarrowAscii the other way.
+bool WidenAscii(const unsigned char* bytes, char16_t* out)
+{
+#if defined(__SSE2__)
+    __m128i eight = _mm_loadl_epi64(reinterpret_cast<const __m128i*>(bytes));
+    if (_mm_movemask_epi8(eight))
+        return false;
+    if (out)
+        _mm_storeu_si128(reinterpret_cast<__m128i*>(out), _mm_unpacklo_epi8(eight, _mm_setzero_si128()));
+    return true;
+#else
+    (void)bytes, (void)out;
+    return false;
+#endif
+}
+
+// The UTF-8 of the character at wide[i] (an unpaired surrogate is U+FFFD, as Windows converts it) into
+// `out`; returns its byte count and moves `i` behind the character.
+int EncodeCharacter(const char16_t* wide, size_t count, size_t& i, char out[4])
+{
+    uint32_t c = wide[i++];
+    if (c < 0x80)
+    {
+        out[0] = static_cast<char>(c);
+        return 1;
+    }
+    if (c >= 0xD800 && c <= 0xDBFF && i < count && wide[i] >= 0xDC00 && wide[i] <= 0xDFFF)
+        c = 0x10000 + ((c - 0xD800) << 10) + (wide[i++] - 0xDC00);
+    else if (c >= 0xD800 && c <= 0xDFFF)
+        c = 0xFFFD;
+    if (c < 0x800)
+    {
+        out[0] = static_cast<char>(0xC0 | (c >> 6));
+        out[1] = static_cast<char>(0x80 | (c & 0x3F));
+        return 2;
+    }
+    if (c < 0x10000)
+    {
+        out[0] = static_cast<char>(0xE0 | (c >> 12));
+        out[1] = static_cast<char>(0x80 | ((c >> 6) & 0x3F));
+        out[2] = static_cast<char>(0x80 | (c & 0x3F));
+        return 3;
+    }
+    out[0] = static_cast<char>(0xF0 | (c >> 18));
+    out[1] = static_cast<char>(0x80 | ((c >> 12) & 0x3F));
+    out[2] = static_cast<char>(0x80 | ((c >> 6) & 0x3F));
+    out[3] = static_cast<char>(0x80 | (c & 0x3F));
+    return 4;
+}
+
+// Converts `count` units into `out` as far as `capacity` bytes allow, or only counts with `out` null. The
+// UTF-8 byte count; with `out`, SIZE_MAX as soon as the next character would not fit.
+size_t EncodeUtf8(const char16_t* wide, size_t count, char* out, size_t capacity)
+{
+    size_t written = 0;
+    size_t i = 0;
+    while (i < count)
+    {
+        // A run of ASCII blocks in a tight loop of its own (while a whole block has room: after that the
+        // characters go one by one, up to the one that does not fit).
+        if (!out)
+            for (; count - i >= kBlock && NarrowAscii(wide + i, nullptr); i += kBlock)
+                written += kBlock;
+        else
+            for (;
+                 count - i >= kBlock && capacity - written >= kBlock && NarrowAscii(wide + i, out + written);
+                 i += kBlock)
+                written += kBlock;
+        if (i == count)
+            break;
+        char character[4];
+        int length = EncodeCharacter(wide, count, i, character);
+        if (out)
+        {
+            if (capacity - written < static_cast<size_t>(length))
+                return SIZE_MAX;
+            std::memcpy(out + written, character, static_cast<size_t>(length));
+        }
+        written += static_cast<size_t>(length);
+    }
+    return written;
 }
 
 std::string ToUtf8(LPCWSTR wide, size_t count)
 {
-    std::string out;
-    out.reserve(count * 3);
-    EncodeUtf8(wide, count,
-               [&](char byte)
-               {
-                   out += byte;
-                   return true;
-               });
+    std::string out(EncodeUtf8(wide, count, nullptr, 0), '\0');
+    EncodeUtf8(wide, count, &out[0], out.size());
     return out;
 }
 
-// Decodes UTF-8 as Windows does: each invalid or truncated sequence becomes one U+FFFD.
-std::u16string FromUtf8(const unsigned char* bytes, size_t count, bool& invalid)
+// The character that starts at bytes[i], decoded as Windows does (each invalid or truncated sequence is one
+// U+FFFD, and sets `invalid`), into `out` as one or two units; returns the unit count and moves `i` on.
+int DecodeCharacter(const unsigned char* bytes, size_t count, size_t& i, char16_t out[2], bool& invalid)
 {
-    std::u16string out;
-    out.reserve(count);
+    unsigned char b = bytes[i];
+    uint32_t c;
+    size_t need;
+    uint32_t min;
+    if (b < 0x80)
+    {
+        out[0] = static_cast<char16_t>(b);
+        ++i;
+        return 1;
+    }
+    else if (b >= 0xC2 && b <= 0xDF)
+        c = b & 0x1F, need = 1, min = 0x80;
+    else if (b >= 0xE0 && b <= 0xEF)
+        c = b & 0x0F, need = 2, min = 0x800;
+    else if (b >= 0xF0 && b <= 0xF4)
+        c = b & 0x07, need = 3, min = 0x10000;
+    else
+    {
+        out[0] = u'\xFFFD';
+        invalid = true;
+        ++i;
+        return 1;
+    }
+    size_t j = 1;
+    for (; j <= need && i + j < count && (bytes[i + j] & 0xC0) == 0x80; ++j)
+        c = (c << 6) | (bytes[i + j] & 0x3F);
+    if (j <= need || c < min || c > 0x10FFFF || (c >= 0xD800 && c <= 0xDFFF))
+    {
+        out[0] = u'\xFFFD';
+        invalid = true;
+        i += (j > 1 ? j : 1);
+        return 1;
+    }
+    i += need + 1;
+    if (c >= 0x10000)
+    {
+        c -= 0x10000;
+        out[0] = static_cast<char16_t>(0xD800 + (c >> 10));
+        out[1] = static_cast<char16_t>(0xDC00 + (c & 0x3FF));
+        return 2;
+    }
+    out[0] = static_cast<char16_t>(c);
+    return 1;
+}
+
+// Decodes all `count` bytes, writing into `out` as far as `capacity` units allow (nothing with `out` null);
+// the unit count of the whole text, whether or not it fitted.
+size_t DecodeUtf8(const unsigned char* bytes, size_t count, char16_t* out, size_t capacity, bool& invalid)
+{
     invalid = false;
+    size_t units = 0;
     size_t i = 0;
     while (i < count)
     {
-        unsigned char b = bytes[i];
-        uint32_t c;
-        size_t need;
-        uint32_t min;
-        if (b < 0x80)
-        {
-            out += static_cast<char16_t>(b);
-            ++i;
-            continue;
-        }
-        else if (b >= 0xC2 && b <= 0xDF)
-            c = b & 0x1F, need = 1, min = 0x80;
-        else if (b >= 0xE0 && b <= 0xEF)
-            c = b & 0x0F, need = 2, min = 0x800;
-        else if (b >= 0xF0 && b <= 0xF4)
-            c = b & 0x07, need = 3, min = 0x10000;
+        if (out)
+            for (; count - i >= kBlock && capacity - units >= kBlock && WidenAscii(bytes + i, out + units);
+                 i += kBlock)
+                units += kBlock;
+        if (out && count - i >= kBlock && capacity - units < kBlock && WidenAscii(bytes + i, nullptr))
+            out = nullptr; // no room for an ASCII block: the text cannot fit, and the rest is only counted
+        if (!out)
+            for (; count - i >= kBlock && WidenAscii(bytes + i, nullptr); i += kBlock)
+                units += kBlock;
+        if (i == count)
+            break;
+        char16_t character[2];
+        int length = DecodeCharacter(bytes, count, i, character, invalid);
+        if (out && capacity - units >= static_cast<size_t>(length))
+            std::memcpy(out + units, character, static_cast<size_t>(length) * sizeof(char16_t));
         else
-        {
-            out += u'\xFFFD';
-            invalid = true;
-            ++i;
-            continue;
-        }
-        size_t j = 1;
-        for (; j <= need && i + j < count && (bytes[i + j] & 0xC0) == 0x80; ++j)
-            c = (c << 6) | (bytes[i + j] & 0x3F);
-        if (j <= need || c < min || c > 0x10FFFF || (c >= 0xD800 && c <= 0xDFFF))
-        {
-            out += u'\xFFFD';
-            invalid = true;
-            i += (j > 1 ? j : 1);
-            continue;
-        }
-        if (c >= 0x10000)
-        {
-            c -= 0x10000;
-            out += static_cast<char16_t>(0xD800 + (c >> 10));
-            out += static_cast<char16_t>(0xDC00 + (c & 0x3FF));
-        }
-        else
-            out += static_cast<char16_t>(c);
-        i += need + 1;
+            out = nullptr;
+        units += static_cast<size_t>(length);
     }
-    return out;
+    return units;
 }
 
 bool KnownCodePage(UINT codePage)
@@ -407,21 +511,16 @@ int WideCharToMultiByte(UINT codePage, DWORD, LPCWSTR wide, int wideCount, LPSTR
     {
         // Straight into the caller's buffer, or only counted: callers measure first, and large texts are
         // common.
-        size_t written = 0;
-        bool fits = EncodeUtf8(wide, count,
-                               [&](char byte)
-                               {
-                                   if (byteCount > 0)
-                                   {
-                                       if (written >= static_cast<size_t>(byteCount))
-                                           return false;
-                                       bytes[written] = byte;
-                                   }
-                                   return ++written <= 0x7FFFFFFF;
-                               });
-        if (!fits)
+        size_t written =
+            EncodeUtf8(wide, count, byteCount > 0 ? bytes : nullptr, static_cast<size_t>(byteCount));
+        if (written == SIZE_MAX)
         {
-            SetLastError(written > 0x7FFFFFFF ? ERROR_INVALID_PARAMETER : ERROR_INSUFFICIENT_BUFFER);
+            SetLastError(ERROR_INSUFFICIENT_BUFFER);
+            return 0;
+        }
+        if (written > 0x7FFFFFFF)
+        {
+            SetLastError(ERROR_INVALID_PARAMETER);
             return 0;
         }
         return static_cast<int>(written);
@@ -471,25 +570,31 @@ int MultiByteToWideChar(UINT codePage, DWORD flags, LPCSTR bytes, int byteCount,
         return 0;
     }
     size_t count = byteCount < 0 ? std::strlen(bytes) + 1 : static_cast<size_t>(byteCount);
-    std::u16string out;
     if (codePage == CP_UTF8)
     {
+        // Straight into the caller's buffer, as far as it reaches; the whole text is still decoded, so an
+        // invalid sequence is reported before a buffer that is too small, whichever comes first.
         bool invalid = false;
-        out = FromUtf8(reinterpret_cast<const unsigned char*>(bytes), count, invalid);
+        size_t units = DecodeUtf8(reinterpret_cast<const unsigned char*>(bytes), count,
+                                  wideCount > 0 ? wide : nullptr, static_cast<size_t>(wideCount), invalid);
         if (invalid && (flags & MB_ERR_INVALID_CHARS))
         {
             SetLastError(1113); // ERROR_NO_UNICODE_TRANSLATION
             return 0;
         }
-    }
-    else
-    {
-        out.reserve(count);
-        for (size_t i = 0; i < count; ++i)
+        if (wideCount > 0 && units > static_cast<size_t>(wideCount))
         {
-            unsigned char b = static_cast<unsigned char>(bytes[i]);
-            out += (b >= 0x80 && b < 0xA0) ? kCp1252High[b - 0x80] : static_cast<char16_t>(b);
+            SetLastError(ERROR_INSUFFICIENT_BUFFER);
+            return 0;
         }
+        return static_cast<int>(units);
+    }
+    std::u16string out;
+    out.reserve(count);
+    for (size_t i = 0; i < count; ++i)
+    {
+        unsigned char b = static_cast<unsigned char>(bytes[i]);
+        out += (b >= 0x80 && b < 0xA0) ? kCp1252High[b - 0x80] : static_cast<char16_t>(b);
     }
     if (wideCount == 0)
         return static_cast<int>(out.size());
