@@ -2,6 +2,7 @@
 
 #include "channel/PipeClient.h"
 
+#include <cstring>
 #include <initializer_list>
 #include <memory>
 
@@ -55,25 +56,60 @@ size_t LengthBytes(DWORD length)
         ++bytes;
     return bytes;
 }
+
+void PutLength(BYTE* cursor, DWORD length)
+{
+    while (length >= 0x80)
+    {
+        *cursor++ = static_cast<BYTE>((length & 0x7F) | 0x80);
+        length >>= 7;
+    }
+    *cursor = static_cast<BYTE>(length);
+}
+
+// One conversion where it can be: the text goes straight behind room for the longest length that could
+// still fit, and moves up if its own length takes fewer bytes (for a text of more than 16,383 units in a
+// message of at most 1 MiB the two are the same three bytes, so a large text never moves). Null when the
+// conversion did not fit in that room, which leaves the exact measure to decide.
+BYTE* EncodeStringOnce(BYTE* cursor, size_t room, LPCWSTR text, int units)
+{
+    size_t most = static_cast<size_t>(units) * 3; // UTF-8 bytes a UTF-16 unit can come to
+    if (most > room - 1)
+        most = room - 1;
+    size_t prefix = LengthBytes(static_cast<DWORD>(most));
+    if (room <= prefix)
+        return nullptr;
+    size_t capacity = room - prefix;
+    int length = WideCharToMultiByte(CP_UTF8, 0, text, units, reinterpret_cast<LPSTR>(cursor + prefix),
+                                     capacity > 0x7FFFFFFF ? 0x7FFFFFFF : static_cast<int>(capacity), nullptr,
+                                     nullptr);
+    if (length <= 0)
+        return nullptr;
+    size_t needed = LengthBytes(static_cast<DWORD>(length));
+    if (needed < prefix)
+        std::memmove(cursor + needed, cursor + prefix, static_cast<size_t>(length));
+    PutLength(cursor, static_cast<DWORD>(length));
+    return cursor + needed + length;
+}
 } // namespace
 
 BYTE* EncodeString(BYTE* cursor, const BYTE* end, LPCWSTR text)
 {
     if (!cursor || cursor >= end)
         return nullptr;
+    size_t room = static_cast<size_t>(end - cursor);
+    if (text && *text)
+    {
+        if (BYTE* next = EncodeStringOnce(cursor, room, text, lstrlenW(text)))
+            return next;
+    }
     // A null text and an empty one are the same single byte 00.
     int units = 0;
     int length = Utf8Length(text, units);
-    size_t room = static_cast<size_t>(end - cursor);
     if (LengthBytes(static_cast<DWORD>(length)) + static_cast<size_t>(length) > room)
         return nullptr;
-    DWORD rest = static_cast<DWORD>(length);
-    while (rest >= 0x80)
-    {
-        *cursor++ = static_cast<BYTE>((rest & 0x7F) | 0x80);
-        rest >>= 7;
-    }
-    *cursor++ = static_cast<BYTE>(rest);
+    PutLength(cursor, static_cast<DWORD>(length));
+    cursor += LengthBytes(static_cast<DWORD>(length));
     if (length > 0 && WideCharToMultiByte(CP_UTF8, 0, text, units, reinterpret_cast<LPSTR>(cursor), length,
                                           nullptr, nullptr) != length)
         return nullptr; // the text changed size between the two passes: never send a length that lies
@@ -122,8 +158,13 @@ const BYTE* DecodeString(const BYTE* cursor, const BYTE* end, WideString& destin
     // straight from the read buffer into the string: no copy of the payload on the way.
     WCHAR* text = destination.GetBuffer(length);
     int units = MultiByteToWideChar(CP_UTF8, 0, reinterpret_cast<LPCSTR>(cursor), length, text, length);
-    text[units > 0 ? units : 0] = 0;
-    destination.ReleaseBuffer(); // up to the first U+0000: a zero byte in the payload ends the text there
+    if (units < 0)
+        units = 0;
+    text[units] = 0;
+    // Up to the first U+0000: a zero byte in the payload ends the text there. Only a zero byte decodes to
+    // U+0000 (an overlong form of it is invalid, and becomes U+FFFD), so without one the text is all it
+    // decoded to, found without a second pass over a text of up to a million units.
+    destination.ReleaseBuffer(std::memchr(cursor, 0, static_cast<size_t>(length)) ? -1 : units);
     return cursor + length;
 }
 

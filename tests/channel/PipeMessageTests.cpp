@@ -273,6 +273,40 @@ TEST(PipeMessage, ConversionsFillAnExactBufferAndRefuseOneLess)
     }
 }
 
+// A text whose length takes fewer bytes than the room before the end could need still goes when it fits
+// exactly, and one byte less room refuses it.
+TEST(PipeMessage, TextThatFitsExactlyGoesAndOneByteLessRefusesIt)
+{
+    struct Case
+    {
+        size_t units;
+        size_t room;
+        bool fits;
+    } cases[] = {
+        {127, 128, true},     {127, 127, false},     {128, 130, true},     {128, 129, false},
+        {16383, 16385, true}, {16383, 16384, false}, {16384, 16387, true}, {16384, 16386, false},
+    };
+    for (const Case& c : cases)
+    {
+        std::vector<WCHAR> text(c.units, u'x');
+        text.push_back(0);
+        Bytes buffer(c.room + 8, 0xCC);
+        BYTE* end = EncodeString(buffer.data(), buffer.data() + c.room, text.data());
+        for (size_t i = c.room; i < buffer.size(); ++i)
+            ASSERT_EQ(0xCC, buffer[i]) << c.units << " units in " << c.room << ": written past the end";
+        if (!c.fits)
+        {
+            EXPECT_FALSE(end) << c.units << " units in " << c.room;
+            continue;
+        }
+        ASSERT_EQ(buffer.data() + c.room, end) << c.units << " units in " << c.room;
+        WideString decoded;
+        EXPECT_EQ(end, DecodeString(buffer.data(), end, decoded));
+        EXPECT_EQ(static_cast<int>(c.units), decoded.GetLength());
+        EXPECT_EQ(u'x', decoded[static_cast<int>(c.units) - 1]);
+    }
+}
+
 TEST(PipeMessage, OddLengthsDecodeAsTheWireSays)
 {
     struct Case
