@@ -211,7 +211,14 @@ void WideString::SetText(LPCWSTR text, int length)
 
 void WideString::Append(const WideString& other)
 {
-    // Appending a string to itself (or a copy of itself) reads from a share we hold for the duration.
+    // Another buffer is held by `other` throughout and can be read in place. Only our own may be given up
+    // while we write (appending a string to itself, or to a copy of itself): that one is read from a share
+    // held for the duration.
+    if (other.m_data != m_data)
+    {
+        Append(other.GetString(), other.GetLength());
+        return;
+    }
     WideString source(other);
     Append(source.GetString(), source.GetLength());
 }
