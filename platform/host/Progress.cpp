@@ -9,15 +9,41 @@
 
 namespace
 {
+// A worker calls UpdateProgress for every report of a stream that may run to tens of thousands a second:
+// those calls keep their numbers and are spelled out only when the journal is read, so that recording one
+// costs about what the system's dialog costs to take it, not six number conversions.
+struct JournalEntry
+{
+    std::string line; // empty for an UpdateProgress
+    ULONGLONG progress[6];
+};
+
 std::mutex g_journalLock;
-std::vector<std::string> g_journal;
+std::vector<JournalEntry> g_journal;
 std::atomic<int> g_status{PDOPS_RUNNING};
 std::atomic<long> g_liveDialogs{0};
 
 void Note(const std::string& line)
 {
     std::lock_guard<std::mutex> guard(g_journalLock);
-    g_journal.push_back(line);
+    g_journal.push_back({line, {}});
+}
+
+void NoteProgress(ULONGLONG points, ULONGLONG pointsTotal, ULONGLONG size, ULONGLONG sizeTotal,
+                  ULONGLONG items, ULONGLONG itemsTotal)
+{
+    std::lock_guard<std::mutex> guard(g_journalLock);
+    g_journal.push_back({std::string(), {points, pointsTotal, size, sizeTotal, items, itemsTotal}});
+}
+
+std::string Line(const JournalEntry& entry)
+{
+    if (!entry.line.empty())
+        return entry.line;
+    std::string line = "UpdateProgress";
+    for (ULONGLONG value : entry.progress)
+        line += " " + std::to_string(value);
+    return line;
 }
 
 std::string Describe(IShellItem* item)
@@ -89,9 +115,7 @@ public:
                                              ULONGLONG sizeTotal, ULONGLONG items,
                                              ULONGLONG itemsTotal) override
     {
-        Note("UpdateProgress " + std::to_string(points) + " " + std::to_string(pointsTotal) + " " +
-             std::to_string(size) + " " + std::to_string(sizeTotal) + " " + std::to_string(items) + " " +
-             std::to_string(itemsTotal));
+        NoteProgress(points, pointsTotal, size, sizeTotal, items, itemsTotal);
         if (m_draw && pointsTotal)
         {
             static const char* const kActions[] = {"", "Moving",      "Copying", "", "",        "",
@@ -161,7 +185,11 @@ HRESULT CreateProgressDialog(REFIID iid, void** object)
 std::vector<std::string> ProgressJournal()
 {
     std::lock_guard<std::mutex> guard(g_journalLock);
-    return g_journal;
+    std::vector<std::string> lines;
+    lines.reserve(g_journal.size());
+    for (const JournalEntry& entry : g_journal)
+        lines.push_back(Line(entry));
+    return lines;
 }
 void ClearProgressJournal()
 {
