@@ -200,6 +200,23 @@ bool SendAll(int fd, const void* header, size_t headerSize, const void* body, si
     return true;
 }
 
+// A pipe keeps what its server writes, up to the buffer size it was created with, for a client that has not
+// read it yet; a socket keeps what its send buffer holds, which by default is under 300 small messages, each
+// charged with the kernel's own bookkeeping. A server that writes a stream of reports to a client that polls
+// would block on that long before a pipe of its size would, so its end asks for at least that size (the
+// kernel doubles it for the bookkeeping; without the privilege to pass the system's cap, the cap).
+void ReserveSendBuffer(int fd, DWORD bytes)
+{
+    int current = 0;
+    socklen_t length = sizeof current;
+    if (bytes == 0 || getsockopt(fd, SOL_SOCKET, SO_SNDBUF, &current, &length) != 0 ||
+        static_cast<DWORD>(current) >= bytes)
+        return;
+    int wanted = bytes > 0x3FFFFFFF ? 0x3FFFFFFF : static_cast<int>(bytes);
+    if (setsockopt(fd, SOL_SOCKET, SO_SNDBUFFORCE, &wanted, sizeof wanted) != 0)
+        setsockopt(fd, SOL_SOCKET, SO_SNDBUF, &wanted, sizeof wanted);
+}
+
 class PipeEnd : public VmHost::KernelObject
 {
 public:
@@ -222,6 +239,7 @@ public:
     uint32_t m_remaining = 0; // bytes of the current message not yet delivered
     bool m_peerDisconnected = false;
     std::mutex m_writeLock;
+    DWORD m_outBufferSize = 0; // the server's, as CreateNamedPipeW was given it
 
     // Why a read or write cannot go ahead on this end, or 0.
     DWORD NotConnectedError(int& fd)
@@ -253,16 +271,25 @@ public:
             return Fail(ERROR_PIPE_NOT_CONNECTED);
         if (m_remaining == 0)
         {
+            unsigned char header[4];
+            size_t got = 0;
             if (m_mode & PIPE_NOWAIT)
             {
-                pollfd ready{fd, POLLIN, 0};
-                if (poll(&ready, 1, 0) == 0)
+                // The look and the read are one call: a worker that polls pays one system call per message
+                // for the header, as a blocking reader does, rather than a poll before it.
+                ssize_t taken;
+                do
+                    taken = recv(fd, header, sizeof header, MSG_DONTWAIT);
+                while (taken < 0 && errno == EINTR);
+                if (taken < 0 && (errno == EAGAIN || errno == EWOULDBLOCK))
                     return Fail(ERROR_NO_DATA);
+                if (taken <= 0)
+                    return Fail(ERROR_BROKEN_PIPE);
+                got = static_cast<size_t>(taken);
             }
             // The first byte of a message is here: the rest of it follows in the same write, so waiting for
             // it cannot block for longer than the writer takes.
-            unsigned char header[4];
-            if (!ReceiveAll(fd, header, sizeof header))
+            if (got < sizeof header && !ReceiveAll(fd, header + got, sizeof header - got))
                 return Fail(ERROR_BROKEN_PIPE);
             uint32_t length = static_cast<uint32_t>(header[0]) | static_cast<uint32_t>(header[1]) << 8 |
                               static_cast<uint32_t>(header[2]) << 16 | static_cast<uint32_t>(header[3]) << 24;
@@ -352,8 +379,8 @@ std::shared_ptr<PipeEnd> FindPipe(HANDLE handle)
 }
 } // namespace
 
-HANDLE CreateNamedPipeW(LPCWSTR name, DWORD openMode, DWORD pipeMode, DWORD maxInstances, DWORD, DWORD, DWORD,
-                        LPSECURITY_ATTRIBUTES)
+HANDLE CreateNamedPipeW(LPCWSTR name, DWORD openMode, DWORD pipeMode, DWORD maxInstances, DWORD outBufferSize,
+                        DWORD, DWORD, LPSECURITY_ATTRIBUTES)
 {
     std::string path;
     if (!SocketPathOf(name, path))
@@ -419,6 +446,7 @@ HANDLE CreateNamedPipeW(LPCWSTR name, DWORD openMode, DWORD pipeMode, DWORD maxI
                    ((openMode & PIPE_ACCESS_OUTBOUND) ? GENERIC_WRITE : 0);
     auto pipe = std::make_shared<PipeEnd>(true, pipeMode & (PIPE_READMODE_MESSAGE | PIPE_NOWAIT), access);
     pipe->m_listener = std::move(listener);
+    pipe->m_outBufferSize = outBufferSize;
     return VmHost::AddHandle(std::move(pipe));
 }
 
@@ -449,6 +477,7 @@ BOOL ConnectNamedPipe(HANDLE handle, LPOVERLAPPED)
             int fd = accept4(listener->fd, nullptr, nullptr, SOCK_CLOEXEC);
             if (fd >= 0)
             {
+                ReserveSendBuffer(fd, pipe->m_outBufferSize);
                 std::lock_guard<std::mutex> guard(pipe->m_lock);
                 if (pipe->m_fd >= 0)
                     close(pipe->m_fd);
