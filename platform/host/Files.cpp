@@ -2,6 +2,7 @@
 #include "platform/host/ControlFiles.h"
 #include "platform/host/HandleTable.h"
 #include "platform/host/Kernel.h"
+#include "platform/host/Utf8.h"
 
 #include <cerrno>
 #include <cstdlib>
@@ -18,17 +19,6 @@ namespace
 {
 std::mutex g_driveLock;
 std::string g_drives[26];
-
-std::string Utf8(LPCWSTR text)
-{
-    int size = WideCharToMultiByte(CP_UTF8, 0, text, -1, nullptr, 0, nullptr, nullptr);
-    if (size <= 0)
-        return std::string();
-    std::string out(static_cast<size_t>(size), '\0');
-    WideCharToMultiByte(CP_UTF8, 0, text, -1, &out[0], size, nullptr, nullptr);
-    out.resize(static_cast<size_t>(size - 1));
-    return out;
-}
 
 std::string DriveRoot(int index)
 {
@@ -83,7 +73,7 @@ bool Translate(LPCWSTR windowsPath, std::string& host, bool& lastMissing)
         SetLastError(ERROR_PATH_NOT_FOUND);
         return false;
     }
-    std::string path = Utf8(windowsPath);
+    std::string path = VmHost::Utf8(windowsPath);
     if (path.size() < 2 || path[1] != ':' ||
         !((path[0] >= 'a' && path[0] <= 'z') || (path[0] >= 'A' && path[0] <= 'Z')))
     {

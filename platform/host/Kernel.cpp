@@ -1,4 +1,5 @@
 #include "platform/host/Kernel.h"
+#include "platform/host/Utf8.h"
 
 #include <atomic>
 #include <cstdint>
@@ -405,13 +406,6 @@ size_t EncodeUtf8(const char16_t* wide, size_t count, char* out, size_t capacity
     return written;
 }
 
-std::string ToUtf8(LPCWSTR wide, size_t count)
-{
-    std::string out(EncodeUtf8(wide, count, nullptr, 0), '\0');
-    EncodeUtf8(wide, count, &out[0], out.size());
-    return out;
-}
-
 // The character that starts at bytes[i], decoded as Windows does (each invalid or truncated sequence is one
 // U+FFFD, and sets `invalid`), into `out` as one or two units; returns the unit count and moves `i` on.
 int DecodeCharacter(const unsigned char* bytes, size_t count, size_t& i, char16_t out[2], bool& invalid)
@@ -497,6 +491,27 @@ bool KnownCodePage(UINT codePage)
     return codePage == CP_UTF8 || codePage == CP_ACP || codePage == CP_THREAD_ACP || codePage == 1252;
 }
 } // namespace
+
+std::string VmHost::Utf8(const WCHAR* text, size_t units)
+{
+    std::string out(EncodeUtf8(text, units, nullptr, 0), '\0');
+    EncodeUtf8(text, units, out.data(), out.size());
+    return out;
+}
+
+std::string VmHost::Utf8(const WCHAR* text)
+{
+    return text ? Utf8(text, static_cast<size_t>(lstrlenW(text))) : std::string();
+}
+
+std::u16string VmHost::Utf16(const char* bytes, size_t count)
+{
+    bool invalid = false;
+    auto* in = reinterpret_cast<const unsigned char*>(bytes);
+    std::u16string out(DecodeUtf8(in, count, nullptr, 0, invalid), u'\0');
+    DecodeUtf8(in, count, out.data(), out.size(), invalid);
+    return out;
+}
 
 int WideCharToMultiByte(UINT codePage, DWORD, LPCWSTR wide, int wideCount, LPSTR bytes, int byteCount, LPCSTR,
                         LPBOOL usedDefault)
@@ -612,6 +627,5 @@ void OutputDebugStringW(LPCWSTR text)
     static const bool enabled = std::getenv("VELMOUNT_TRACE") != nullptr;
     if (!enabled || !text)
         return;
-    std::string line = ToUtf8(text, static_cast<size_t>(lstrlenW(text)));
-    std::fprintf(stderr, "%s\n", line.c_str());
+    std::fprintf(stderr, "%s\n", VmHost::Utf8(text).c_str());
 }

@@ -2,6 +2,7 @@
 #include "platform/host/ControlFiles.h"
 #include "platform/host/Kernel.h"
 #include "platform/host/Threads.h"
+#include "platform/host/Utf8.h"
 
 #include <dlfcn.h>
 #include <link.h>
@@ -73,12 +74,7 @@ bool HostPath(LPCWSTR path, std::string& host)
         host = translated;
         return true;
     }
-    int bytes = WideCharToMultiByte(CP_UTF8, 0, path, -1, nullptr, 0, nullptr, nullptr);
-    if (bytes <= 1)
-        return false;
-    host.assign(static_cast<size_t>(bytes), '\0');
-    WideCharToMultiByte(CP_UTF8, 0, path, -1, &host[0], bytes, nullptr, nullptr);
-    host.resize(static_cast<size_t>(bytes - 1));
+    host = VmHost::Utf8(path);
     return true;
 }
 
@@ -291,27 +287,18 @@ DWORD GetModuleFileNameW(HMODULE hModule, LPWSTR lpFilename, DWORD nSize)
         SetLastError(ERROR_INSUFFICIENT_BUFFER);
         return 0;
     }
-    int needed = MultiByteToWideChar(CP_UTF8, 0, path.c_str(), -1, nullptr, 0);
-    if (needed <= 0)
-    {
-        SetLastError(ERROR_MOD_NOT_FOUND);
-        return 0;
-    }
-    WCHAR* wide = new WCHAR[static_cast<size_t>(needed)];
-    MultiByteToWideChar(CP_UTF8, 0, path.c_str(), -1, wide, needed);
-    DWORD length = static_cast<DWORD>(needed - 1);
+    std::u16string wide = VmHost::Utf16(path);
+    DWORD length = static_cast<DWORD>(wide.size());
     // As on Windows: a short buffer gets what fits, terminated, the buffer size returned and
     // ERROR_INSUFFICIENT_BUFFER set.
     if (length >= nSize)
     {
-        std::memcpy(lpFilename, wide, (nSize - 1) * sizeof(WCHAR));
+        std::memcpy(lpFilename, wide.data(), (nSize - 1) * sizeof(WCHAR));
         lpFilename[nSize - 1] = 0;
-        delete[] wide;
         SetLastError(ERROR_INSUFFICIENT_BUFFER);
         return nSize;
     }
-    std::memcpy(lpFilename, wide, (length + 1) * sizeof(WCHAR));
-    delete[] wide;
+    std::memcpy(lpFilename, wide.c_str(), (length + 1) * sizeof(WCHAR));
     SetLastError(ERROR_SUCCESS);
     return length;
 }

@@ -1,6 +1,7 @@
 #include "platform/host/Registry.h"
 #include "platform/host/ControlRegistry.h"
 #include "platform/host/Kernel.h"
+#include "platform/host/Utf8.h"
 
 #include <algorithm>
 #include <cstdio>
@@ -646,26 +647,6 @@ LSTATUS RegQueryInfoKeyW(HKEY hKey, LPWSTR lpClass, LPDWORD lpcchClass, LPDWORD,
 
 namespace
 {
-std::string ToUtf8(const Text& text)
-{
-    int size = WideCharToMultiByte(CP_UTF8, 0, text.c_str(), static_cast<int>(text.size()), nullptr, 0,
-                                   nullptr, nullptr);
-    std::string out(static_cast<size_t>(size > 0 ? size : 0), '\0');
-    if (size > 0)
-        WideCharToMultiByte(CP_UTF8, 0, text.c_str(), static_cast<int>(text.size()), &out[0], size, nullptr,
-                            nullptr);
-    return out;
-}
-
-Text FromUtf8(const std::string& text)
-{
-    int size = MultiByteToWideChar(CP_UTF8, 0, text.c_str(), static_cast<int>(text.size()), nullptr, 0);
-    Text out(static_cast<size_t>(size > 0 ? size : 0), u'\0');
-    if (size > 0)
-        MultiByteToWideChar(CP_UTF8, 0, text.c_str(), static_cast<int>(text.size()), &out[0], size);
-    return out;
-}
-
 // "HKEY_LOCAL_MACHINE\\a\\b" -> root handle and the rest.
 bool SplitRoot(const std::string& path, HKEY& root, std::string& rest)
 {
@@ -697,7 +678,7 @@ bool SplitRoot(const std::string& path, HKEY& root, std::string& rest)
 std::string Quote(const Text& text)
 {
     std::string out = "\"";
-    for (char c : ToUtf8(text))
+    for (char c : VmHost::Utf8(text))
     {
         if (c == '"' || c == '\\')
             out += '\\';
@@ -747,7 +728,7 @@ void ExportKey(const Key& key, const std::string& path, std::string& out)
         out += "\r\n";
     }
     for (auto& child : key.children)
-        ExportKey(*child.second, path + "\\" + ToUtf8(child.second->name), out);
+        ExportKey(*child.second, path + "\\" + VmHost::Utf8(child.second->name), out);
 }
 
 bool ParseQuoted(const std::string& line, size_t& at, std::string& out)
@@ -847,7 +828,7 @@ BOOL VmHostRegistryImport(const char* regText)
                 ok = false;
                 break;
             }
-            Text sub = FromUtf8(rest);
+            Text sub = VmHost::Utf16(rest);
             if (remove)
             {
                 // Deletes the key with everything below it.
@@ -890,7 +871,7 @@ BOOL VmHostRegistryImport(const char* regText)
             break;
         }
         ++at;
-        Text wideName = FromUtf8(name);
+        Text wideName = VmHost::Utf16(name);
         std::string data = line.substr(at);
         if (data == "-")
         {
@@ -906,7 +887,7 @@ BOOL VmHostRegistryImport(const char* regText)
                 ok = false;
                 break;
             }
-            Text wide = FromUtf8(value);
+            Text wide = VmHost::Utf16(value);
             RegSetValueExW(current, wideName.c_str(), 0, REG_SZ, reinterpret_cast<const BYTE*>(wide.c_str()),
                            static_cast<DWORD>((wide.size() + 1) * sizeof(WCHAR)));
         }
@@ -959,7 +940,7 @@ DWORD VmHostRegistryExport(const char* rootPath, char* out, DWORD size)
     {
         OpenKey base, target;
         std::vector<Text> parts;
-        Text sub = FromUtf8(rest);
+        Text sub = VmHost::Utf16(rest);
         if (Resolve(root, base) == ERROR_SUCCESS && Split(sub.c_str(), parts) &&
             OpenPath(base, parts, target) == ERROR_SUCCESS)
         {

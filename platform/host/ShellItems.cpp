@@ -4,6 +4,7 @@
 #include "platform/host/ControlProgress.h"
 #include "platform/host/Kernel.h"
 #include "platform/host/SingleInterface.h"
+#include "platform/host/Utf8.h"
 
 #include <atomic>
 #include <cstring>
@@ -89,13 +90,7 @@ HRESULT SpellAsOnDisk(PCWSTR path, std::u16string& spelled)
         {
             if (spelled.size() > 3)
                 spelled += u'\\';
-            int size =
-                MultiByteToWideChar(CP_UTF8, 0, tail.data() + at, static_cast<int>(end - at), nullptr, 0);
-            std::u16string part(static_cast<size_t>(size > 0 ? size : 0), u'\0');
-            if (size > 0)
-                MultiByteToWideChar(CP_UTF8, 0, tail.data() + at, static_cast<int>(end - at), part.data(),
-                                    size);
-            spelled += part;
+            spelled += VmHost::Utf16(tail.data() + at, end - at);
         }
         at = end + 1;
     }
@@ -134,11 +129,6 @@ std::string ShellItemPath(IShellItem* item)
     auto* path = dynamic_cast<PathItem*>(item);
     if (!path || path->m_path.empty())
         return std::string();
-    int size = WideCharToMultiByte(CP_UTF8, 0, path->m_path.data(), static_cast<int>(path->m_path.size()),
-                                   nullptr, 0, nullptr, nullptr);
-    std::string text(static_cast<size_t>(size), '\0');
-    WideCharToMultiByte(CP_UTF8, 0, path->m_path.data(), static_cast<int>(path->m_path.size()), text.data(),
-                        size, nullptr, nullptr);
-    return text;
+    return Utf8(path->m_path);
 }
 } // namespace VmHost
