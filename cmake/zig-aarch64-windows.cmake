@@ -25,8 +25,11 @@ set(CMAKE_MODULE_LINKER_FLAGS_INIT "-static")
 # would otherwise choose for $<LINK_LIBRARY:WHOLE_ARCHIVE,...> after asking the host's ld.
 set(_CMAKE_LINKER_PUSHPOP_STATE_SUPPORTED FALSE CACHE INTERNAL "zig's linker driver has no --push-state")
 
-# Nothing built here runs on this machine, and linking a test program would make zig build its C++ runtime
-# once more for executables: compiler checks stop at a static library.
+# Test programs run under ARM64 Wine on qemu-user, in this build's own prefix.
+set(CMAKE_CROSSCOMPILING_EMULATOR ${CMAKE_CURRENT_LIST_DIR}/wine-run)
+
+# Linking a test program for each compiler check would make zig build its C++ runtime once more: compiler checks
+# stop at a static library.
 set(CMAKE_TRY_COMPILE_TARGET_TYPE STATIC_LIBRARY)
 
 # The compiler is known: zig 0.11 is clang 16 with GNU-style options. CMake's identification and ABI runs link
@@ -43,3 +46,9 @@ foreach(lang C CXX)
     set(CMAKE_${lang}_EXTENSIONS_COMPUTED_DEFAULT ON)
 endforeach()
 set(CMAKE_SIZEOF_VOID_P 8)
+# Nor does CMake learn the language levels it may ask for (GoogleTest asks for C++14): clang 16 has all of these.
+set(CMAKE_C_COMPILE_FEATURES c_std_90 c_std_99 c_std_11 c_std_17)
+set(CMAKE_CXX_COMPILE_FEATURES cxx_std_98 cxx_std_11 cxx_std_14 cxx_std_17 cxx_std_20)
+# Threads are Windows' own (zig's libc++ uses the Win32 thread API): nothing to link for them. FindThreads would
+# otherwise trust a check that only compiles and name a pthreads library zig does not have.
+set(CMAKE_HAVE_LIBC_PTHREAD 1 CACHE INTERNAL "Windows threads need no library")
