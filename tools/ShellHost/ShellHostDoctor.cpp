@@ -262,17 +262,20 @@ public:
             return Add("user's Use value", Status::Fail, "cannot read the current user's SID");
         WText key = WText(VELMOUNT_EXTENSIONS_KEY) + TEXT("\\") + sid;
         std::string where = "HKLM\\" + Narrow(key.c_str());
-        DWORD use = 0, size = sizeof(use);
-        LONG status = RegGetValueW(HKEY_LOCAL_MACHINE, key.c_str(), TEXT("Use"), RRF_RT_REG_DWORD, nullptr,
-                                   &use, &size);
-        const char* off =
-            ": drops onto managed folders get no Velmount items and Quick Delete is not offered "
-            "(right-click Quick Copy, Quick Move and the marker's items stay)";
-        if (status != ERROR_SUCCESS)
-            return Add("user's Use value", Status::Note, "missing at " + where + off);
-        if (use == 0)
-            return Add("user's Use value", Status::Note, "0 at " + where + off);
-        Add("user's Use value", Status::Ok, std::to_string(use) + " at " + where);
+        // The value as the extension reads it; then why it reads 0.
+        DWORD use = CVelmountCopyMoveExtension::ReadUseValue(VELMOUNT_EXTENSIONS_KEY, sid);
+        if (use)
+            return Add("user's Use value", Status::Ok, std::to_string(use) + " at " + where);
+        DWORD type = 0;
+        bool present = RegGetValueW(HKEY_LOCAL_MACHINE, key.c_str(), TEXT("Use"), RRF_RT_ANY, &type, nullptr,
+                                    nullptr) == ERROR_SUCCESS;
+        Add("user's Use value", Status::Note,
+            std::string(!present            ? "missing"
+                        : type == REG_DWORD ? "0"
+                                            : "not a REG_DWORD (read as 0)") +
+                " at " + where +
+                ": drops onto managed folders get no Velmount items and Quick Delete is not offered "
+                "(right-click Quick Copy, Quick Move and the marker's items stay)");
     }
 
     void CheckMarker(const std::string& path)
