@@ -37,10 +37,9 @@ struct Root
 {
     HKEY key;
     const char* name;
-    const WCHAR* classes;
 };
-const Root ROOTS[] = {{HKEY_CURRENT_USER, "per user", TEXT("Software\\Classes\\")},
-                      {HKEY_LOCAL_MACHINE, "per machine", TEXT("Software\\Classes\\")}};
+const Root ROOTS[] = {{HKEY_CURRENT_USER, "per user"}, {HKEY_LOCAL_MACHINE, "per machine"}};
+const WCHAR CLASSES[] = TEXT("Software\\Classes\\");
 
 typedef std::basic_string<WCHAR> WText;
 
@@ -74,6 +73,16 @@ std::string MachineName(WORD machine)
     }
 }
 
+// The machine this program is built for.
+WORD ProcessMachine()
+{
+#if defined(__aarch64__) || defined(_M_ARM64)
+    return MACHINE_ARM64;
+#else
+    return MACHINE_X64;
+#endif
+}
+
 typedef BOOL(WINAPI* IsWow64Process2Function)(HANDLE, USHORT*, USHORT*);
 
 // The machine whose file manager loads the library: the native one, even for a program that is emulated.
@@ -92,10 +101,8 @@ WORD ThisMachine()
     if (info.wProcessorArchitecture == PROCESSOR_ARCHITECTURE_ARM64)
         return MACHINE_ARM64;
     return MACHINE_X64;
-#elif defined(__aarch64__)
-    return MACHINE_ARM64;
 #else
-    return MACHINE_X64;
+    return ProcessMachine();
 #endif
 }
 
@@ -136,7 +143,7 @@ public:
     {
         for (const Root& root : ROOTS)
         {
-            WText key = WText(root.classes) + TEXT("CLSID\\") + CLASS_ID_TEXT + TEXT("\\InprocServer32");
+            WText key = WText(CLASSES) + TEXT("CLSID\\") + CLASS_ID_TEXT + TEXT("\\InprocServer32");
             if (ReadString(root.key, key, nullptr, m_library))
             {
                 Add("class registered", Status::Ok,
@@ -163,6 +170,7 @@ public:
                                      MachineName(native)
                                : Narrow(m_library.c_str()) + " is not a Windows library");
         m_fileUsable = true;
+        m_machine = machine;
         Add("library file", Status::Ok, "exists, built for " + MachineName(machine) + " as this machine is");
     }
 
@@ -170,7 +178,7 @@ public:
     {
         if (!m_classRoot)
             return Add("ThreadingModel", Status::Skipped, "no registered class");
-        WText key = WText(m_classRoot->classes) + TEXT("CLSID\\") + CLASS_ID_TEXT + TEXT("\\InprocServer32");
+        WText key = WText(CLASSES) + TEXT("CLSID\\") + CLASS_ID_TEXT + TEXT("\\InprocServer32");
         WText model;
         if (!ReadString(m_classRoot->key, key, TEXT("ThreadingModel"), model))
             return Add("ThreadingModel", Status::Fail,
@@ -216,16 +224,8 @@ public:
     void CheckApproved()
     {
         WText name;
+        // Value names are compared without regard to case: registration writes the class id in lower case.
         bool approved = ReadString(HKEY_LOCAL_MACHINE, APPROVED_LIST_KEY, CLASS_ID_TEXT, name);
-        if (!approved)
-        {
-            // The value's name is the class id as registration writes it, in lower case.
-            WText lower = CLASS_ID_TEXT;
-            for (WCHAR& c : lower)
-                if (c >= 'A' && c <= 'Z')
-                    c = static_cast<WCHAR>(c - 'A' + 'a');
-            approved = ReadString(HKEY_LOCAL_MACHINE, APPROVED_LIST_KEY, lower.c_str(), name);
-        }
         Add("approved list", approved ? Status::Ok : Status::Fail,
             approved ? "HKLM\\" + Narrow(APPROVED_LIST_KEY) + " lists the class"
                      : "the class is not in HKLM\\" + Narrow(APPROVED_LIST_KEY) +
@@ -236,6 +236,12 @@ public:
     {
         if (!m_fileUsable)
             return Add("library loads", Status::Skipped, "no usable library file");
+        // An emulated ShellHost (x64 on ARM64) cannot load the native library that the file manager loads.
+        if (m_machine != ProcessMachine())
+            return Add("library loads", Status::Skipped,
+                       "this ShellHost is built for " + MachineName(ProcessMachine()) + ": the " +
+                           MachineName(m_machine) + " ShellHost can load the " + MachineName(m_machine) +
+                           " library");
         HMODULE library = LoadLibraryW(m_library.c_str());
         if (!library)
             return Add("library loads", Status::Fail,
@@ -315,12 +321,13 @@ private:
     WText m_library;
     const Root* m_classRoot = nullptr;
     bool m_fileUsable = false;
+    WORD m_machine = 0;
 
     // True when a subkey of `handlers` names the class (by its default value, or by its own name).
     static bool FindHandler(const Root& root, const WCHAR* handlers, std::string& where)
     {
         HKEY key = nullptr;
-        WText path = WText(root.classes) + handlers;
+        WText path = WText(CLASSES) + handlers;
         if (RegOpenKeyExW(root.key, path.c_str(), 0, KEY_READ, &key) != ERROR_SUCCESS)
             return false;
         bool found = false;
