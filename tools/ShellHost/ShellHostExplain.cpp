@@ -39,6 +39,23 @@ void PrintRecord(const DriveInfo& drive)
 }
 } // namespace
 
+const DriveInfo* FindMarker(CVelmountCopyMoveExtension& object, LPCWSTR path, bool folder)
+{
+    DriveInfo* drive = nullptr;
+    try
+    {
+        if (folder)
+            drive = object.ReadDriveMarker(WideString(path));
+        else
+            object.FindDriveForItem(path, drive);
+    }
+    catch (...)
+    {
+        drive = nullptr;
+    }
+    return drive;
+}
+
 int Explain(const std::string& path)
 {
     std::basic_string<WCHAR> wide = Widen(path);
@@ -48,18 +65,7 @@ int Explain(const std::string& path)
                     ? CVelmountCopyMoveExtension::ReadUseValue(VELMOUNT_EXTENSIONS_KEY, sid)
                     : 0;
     bool folder = PathIsDirectoryW(wide.c_str()) != FALSE;
-    DriveInfo* drive = nullptr;
-    try
-    {
-        if (folder)
-            drive = object->ReadDriveMarker(WideString(wide.c_str()));
-        else
-            object->FindDriveForItem(wide.c_str(), drive);
-    }
-    catch (...)
-    {
-        drive = nullptr;
-    }
+    const DriveInfo* drive = FindMarker(*object, wide.c_str(), folder);
     std::printf("%s (%s)\n", path.c_str(), folder ? "folder" : "item");
     if (!drive)
     {

@@ -26,6 +26,7 @@ const char USAGE[] =
     "  ShellHost --library FILE [options] background FOLDER   right click on a folder's background\n"
     "  ShellHost --library FILE [options] drop FOLDER PATH...  right-button drop of PATH... onto FOLDER\n"
     "  ShellHost explain FOLDER|ITEM                            the marker behind a menu, item by item\n"
+    "  ShellHost doctor [--json] [FOLDER|ITEM]                  every link from the registry to the service\n"
     "  (--registered: the library that the registry names for the extension's class, as COM finds it)\n"
     "Options:\n"
     "  --effect none|copy|move    the drop's Preferred DropEffect (default: none); replaces the clipboard\n"
@@ -40,11 +41,8 @@ const char USAGE[] =
     "  --confirm yes|no           answer the delete confirmation\n"
     "  --wait SECONDS             how long an invoked operation may run before ShellHost gives up (60)\n";
 
-typedef HRESULT(STDMETHODCALLTYPE* GetClassObjectEntry)(REFCLSID, REFIID, LPVOID*);
 typedef HRESULT(STDMETHODCALLTYPE* CanUnloadNowEntry)();
 
-// {7031DB56-AEF0-4A42-B4C9-BFDF2ABE4765}
-const CLSID CLSID_Extension = {0x7031DB56, 0xAEF0, 0x4A42, {0xB4, 0xC9, 0xBF, 0xDF, 0x2A, 0xBE, 0x47, 0x65}};
 const UINT FIRST_COMMAND_ID = 100;
 const UINT LAST_COMMAND_ID = 0x7FFF;
 
@@ -72,18 +70,6 @@ int Fail(const std::string& problem)
 {
     std::fprintf(stderr, "ShellHost: %s\n", problem.c_str());
     return 2;
-}
-
-template <class Entry> Entry Export(HMODULE library, const char* name)
-{
-    return reinterpret_cast<Entry>(reinterpret_cast<void (*)()>(GetProcAddress(library, name)));
-}
-
-std::string Hex(HRESULT hr)
-{
-    char text[16];
-    std::snprintf(text, sizeof(text), "0x%08X", static_cast<unsigned>(hr));
-    return text;
 }
 
 // The menu the file manager has built before the handlers add theirs; returns where they insert.
@@ -372,6 +358,16 @@ int Run(const Options& options)
 }
 } // namespace
 
+// {7031DB56-AEF0-4A42-B4C9-BFDF2ABE4765}
+const CLSID CLSID_Extension = {0x7031DB56, 0xAEF0, 0x4A42, {0xB4, 0xC9, 0xBF, 0xDF, 0x2A, 0xBE, 0x47, 0x65}};
+
+std::string Hex(HRESULT hr)
+{
+    char text[16];
+    std::snprintf(text, sizeof(text), "0x%08X", static_cast<unsigned>(hr));
+    return text;
+}
+
 std::basic_string<WCHAR> Widen(const std::string& text)
 {
     std::basic_string<WCHAR> wide;
@@ -402,6 +398,22 @@ int main(int argc, char** argv)
 {
     // Lines reach a pipe in order with the progress drawn on stderr.
     std::setvbuf(stdout, nullptr, _IOLBF, 0);
+    if (argc >= 2 && std::strcmp(argv[1], "doctor") == 0)
+    {
+        bool json = false;
+        std::string path;
+        for (int i = 2; i < argc; ++i)
+        {
+            std::string word = argv[i];
+            if (word == "--json")
+                json = true;
+            else if (path.empty() && word.rfind("--", 0) != 0)
+                path = word;
+            else
+                return Fail("doctor takes --json and one folder or item");
+        }
+        return Doctor(path, json);
+    }
     Options options;
     std::vector<std::string> words;
     for (int i = 1; i < argc; ++i)
