@@ -59,6 +59,20 @@ public:
     size_t GetCount() const noexcept { return m_count; }
     bool IsEmpty() const noexcept { return m_count == 0; }
 
+    // The tail node goes back to its block; the list must not be empty.
+    void RemoveTail() noexcept
+    {
+        Node* node = m_tail;
+        m_tail = node->previous;
+        if (m_tail)
+            m_tail->next = nullptr;
+        else
+            m_head = nullptr;
+        node->~Node();
+        m_blocks.Give(node);
+        --m_count;
+    }
+
     void RemoveAll() noexcept
     {
         for (Node* node = m_head; node;)
