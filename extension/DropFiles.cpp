@@ -3,6 +3,7 @@
 
 #include <cstddef>
 #include <cstring>
+#include <utility>
 
 namespace
 {
@@ -57,7 +58,7 @@ bool ReadWideNames(const BYTE* at, const BYTE* end, NodeList<WideString>& paths)
         WideString path;
         std::memcpy(path.GetBuffer(kept), name, static_cast<size_t>(kept) * sizeof(WCHAR));
         path.ReleaseBuffer(kept);
-        paths.AddTail(path);
+        paths.AddTail(std::move(path));
     }
 }
 
@@ -74,7 +75,7 @@ void AddAnsiName(const char* name, int bytes, NodeList<WideString>& paths)
     if (units <= 0)
         return;
     path.ReleaseBuffer(units < kPathLimit ? units : kPathLimit);
-    paths.AddTail(path);
+    paths.AddTail(std::move(path));
 }
 
 bool ReadAnsiNames(const BYTE* at, const BYTE* end, NodeList<WideString>& paths)
