@@ -1,4 +1,5 @@
 #include "extension/CopyMoveExtension.h"
+#include "extension/DropFiles.h"
 #include "extension/MenuPlan.h"
 
 namespace
@@ -154,19 +155,14 @@ HRESULT CVelmountCopyMoveExtension::InitializeSelection(PCIDLIST_ABSOLUTE pidlFo
         if (FAILED(pdtobj->GetData(&request, &medium)))
             return E_INVALIDARG;
         LockedMedium hold(medium);
-        void* dropFiles = hold.Lock();
-        if (!dropFiles)
+        const BYTE* block = static_cast<const BYTE*>(hold.Lock());
+        if (!block)
             return E_INVALIDARG;
-        HDROP drop = static_cast<HDROP>(dropFiles);
-        UINT count = DragQueryFileW(drop, 0xFFFFFFFF, nullptr, 0);
-        for (UINT index = 0; index < count; ++index)
-        {
-            WCHAR path[SELECTED_PATH_CAPACITY];
-            path[0] = 0;
-            if (DragQueryFileW(drop, index, path, SELECTED_PATH_CAPACITY) == 0)
-                continue;
-            m_selectedFiles.AddTail(WideString(path));
-        }
+        // One pass over the block instead of DragQueryFileW per index, which walks the list from its start
+        // each time: a selection of 100,000 files took minutes that way. A block that doesn't hold a whole
+        // list counts as no list at all.
+        if (!ReadDropFiles(block, GlobalSize(medium.hGlobal), m_selectedFiles))
+            return E_INVALIDARG;
     }
     else if (m_targetDrive)
     {

@@ -4,10 +4,47 @@
 #include "extension/CopyMoveExtension.h"
 #include "extension/MenuPlan.h"
 
+#include <cstring>
+
 namespace
 {
 const UINT SHELL_COPY_COMMAND = 1;
 const UINT SHELL_MOVE_COMMAND = 2;
+
+// The items of a selection are nearly always siblings. An item whose folder is, letter for letter, that of an
+// item already found on the drive gets the same answer from the cache; it is answered without the copies and
+// the lookup, which were most of a large selection's menu.
+class CheckedFolder
+{
+public:
+    bool Holds(const WideString& path) const noexcept
+    {
+        const int length = FolderLength(path);
+        return m_set && length >= 0 && length == m_folder.GetLength() &&
+               std::memcmp(path.GetString(), m_folder.GetString(),
+                           static_cast<size_t>(length) * sizeof(WCHAR)) == 0;
+    }
+    void Remember(const WideString& path)
+    {
+        const int length = FolderLength(path);
+        m_set = length >= 0;
+        m_folder = m_set ? path.Left(length) : WideString();
+    }
+
+private:
+    // Where FolderOfPath cuts: at the last backslash; -1 without one.
+    static int FolderLength(const WideString& path) noexcept
+    {
+        const WCHAR* text = path.GetString();
+        for (int i = path.GetLength(); i-- > 0;)
+            if (text[i] == TEXT('\\'))
+                return i;
+        return -1;
+    }
+
+    WideString m_folder;
+    bool m_set = false;
+};
 
 // Does the menu hold the file manager's command `id`, and is it the default?
 bool ProbeShellCommand(HMENU hmenu, UINT id, bool& isDefault)
@@ -179,14 +216,19 @@ HRESULT CVelmountCopyMoveExtension::ValidateSelection()
     if (!m_itemContext)
     {
         // A drop from another drive is valid: it only clears m_sameDrive.
+        CheckedFolder checked;
         for (POSITION position = m_selectedFiles.GetHeadPosition(); position;)
         {
-            if (!IsOnSameDrive(m_selectedFiles.GetNext(position), m_targetDrive))
+            const WideString& path = m_selectedFiles.GetNext(position);
+            if (checked.Holds(path))
+                continue;
+            if (!IsOnSameDrive(path, m_targetDrive))
             {
                 m_sameDrive = 0;
                 break;
             }
             m_sameDrive = 1;
+            checked.Remember(path);
         }
         return m_targetDrive ? S_OK : E_INVALIDARG;
     }
@@ -194,9 +236,12 @@ HRESULT CVelmountCopyMoveExtension::ValidateSelection()
     // Items get a menu only when they lie wholly on one managed drive: the first item's.
     if (m_selectedFiles.IsEmpty())
         return E_INVALIDARG;
+    CheckedFolder checked;
     for (POSITION position = m_selectedFiles.GetHeadPosition(); position;)
     {
         const WideString& path = m_selectedFiles.GetNext(position);
+        if (checked.Holds(path))
+            continue;
         if (!m_targetDrive)
         {
             DriveInfo* record = nullptr;
@@ -206,6 +251,7 @@ HRESULT CVelmountCopyMoveExtension::ValidateSelection()
         }
         else if (!IsOnSameDrive(path, m_targetDrive))
             return E_INVALIDARG;
+        checked.Remember(path);
     }
     m_sameDrive = 1;
     return S_OK;

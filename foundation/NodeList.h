@@ -15,16 +15,9 @@ public:
     NodeList& operator=(const NodeList&) = delete;
     ~NodeList() { RemoveAll(); }
 
-    POSITION AddTail(const T& value)
-    {
-        Node* node = NewNode(value, m_tail, nullptr);
-        if (m_tail)
-            m_tail->next = node;
-        else
-            m_head = node;
-        m_tail = node;
-        return ToPosition(node);
-    }
+    POSITION AddTail(const T& value) { return LinkTail(NewNode(value, m_tail, nullptr)); }
+    // A value given up by its caller is moved in: for a shared string, no count of shares to raise and lower.
+    POSITION AddTail(T&& value) { return LinkTail(NewNode(std::move(value), m_tail, nullptr)); }
 
     POSITION AddHead(const T& value)
     {
@@ -59,6 +52,20 @@ public:
     size_t GetCount() const noexcept { return m_count; }
     bool IsEmpty() const noexcept { return m_count == 0; }
 
+    // The tail node goes back to its block; the list must not be empty.
+    void RemoveTail() noexcept
+    {
+        Node* node = m_tail;
+        m_tail = node->previous;
+        if (m_tail)
+            m_tail->next = nullptr;
+        else
+            m_head = nullptr;
+        node->~Node();
+        m_blocks.Give(node);
+        --m_count;
+    }
+
     void RemoveAll() noexcept
     {
         for (Node* node = m_head; node;)
@@ -84,13 +91,23 @@ private:
         Node* next;
     };
 
-    Node* NewNode(const T& value, Node* previous, Node* next)
+    POSITION LinkTail(Node* node) noexcept
+    {
+        if (m_tail)
+            m_tail->next = node;
+        else
+            m_head = node;
+        m_tail = node;
+        return ToPosition(node);
+    }
+
+    template <typename V> Node* NewNode(V&& value, Node* previous, Node* next)
     {
         void* storage = m_blocks.Take();
         Node* node;
         try
         {
-            node = new (storage) Node(value, previous, next);
+            node = new (storage) Node(std::forward<V>(value), previous, next);
         }
         catch (...)
         {

@@ -96,7 +96,10 @@ WideString::~WideString() { Release(); }
 
 void WideString::Release() noexcept
 {
-    if (!IsEmptyText(m_data) && m_data->shares.fetch_sub(1, std::memory_order_acq_rel) == 1)
+    // A sole owner has no one to race: the locked decrement is spared for the common case, a list of
+    // thousands of paths going away.
+    if (!IsEmptyText(m_data) && (m_data->shares.load(std::memory_order_acquire) == 1 ||
+                                 m_data->shares.fetch_sub(1, std::memory_order_acq_rel) == 1))
         HeapFree(GetProcessHeap(), 0, m_data);
     m_data = EmptyText();
 }

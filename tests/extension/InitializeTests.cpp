@@ -246,6 +246,24 @@ TEST_F(InitializeTest, LongPathArrivesCutTo259Characters)
     EXPECT_EQ(m_object->m_selectedFiles.GetHead(), longPath.Left(259));
 }
 
+// A block that doesn't hold a whole list is taken as no CF_HDROP at all, and adds nothing to what the list
+// held.
+TEST_F(InitializeTest, BrokenDropFilesCountAsNone)
+{
+    ASSERT_EQ(Run(Folder::None, MakeData({TEXT("C:\\a")})), S_OK);
+    std::vector<BYTE> unclosed = DropFilesBlock({TEXT("C:\\b"), TEXT("C:\\c")});
+    unclosed.resize(unclosed.size() - sizeof(WCHAR));
+    std::vector<BYTE> outside = DropFilesBlock({TEXT("C:\\b")});
+    outside[0] = static_cast<BYTE>(outside.size());
+    for (std::vector<BYTE>* block : {&unclosed, &outside})
+    {
+        m_data.push_back(DropDataObject::FromBlock(*block));
+        EXPECT_EQ(Run(Folder::None, m_data.back()), E_INVALIDARG);
+        ASSERT_EQ(m_object->m_selectedFiles.GetCount(), 1u);
+        EXPECT_EQ(m_object->m_selectedFiles.GetHead(), TEXT("C:\\a"));
+    }
+}
+
 TEST_F(InitializeTest, SecondCallAddsToTheList)
 {
     DropDataObject* data = MakeData({TEXT("C:\\a"), TEXT("C:\\b")});

@@ -559,6 +559,16 @@ TEST_F(MenuEdge, ValidateSelection)
     object = std::make_unique<HeldExtension>();
     object->m_selectedFiles.AddTail(drive.Path(TEXT("src\\a.txt")));
     EXPECT_EQ(object->ValidateSelection(), E_INVALIDARG);
+    // Items: siblings are answered as their first, a folder whose name only starts the same is not a sibling.
+    for (LPCWSTR last : {TEXT("src\\c.txt"), TEXT("srcplain\\c.txt"), TEXT("c.txt")})
+    {
+        object = std::make_unique<HeldExtension>();
+        object->m_itemContext = 1;
+        for (LPCWSTR item : {TEXT("src\\a.txt"), TEXT("src\\b.txt"), last})
+            object->m_selectedFiles.AddTail(drive.Path(item));
+        const bool sibling = last[0] == TEXT('s') && last[3] == TEXT('\\');
+        EXPECT_EQ(object->ValidateSelection(), sibling ? S_OK : E_INVALIDARG) << Narrow(last);
+    }
 }
 
 TEST_F(MenuEdge, CommandStringsAndMenuMessagesAreNotOurs)

@@ -3,6 +3,7 @@
 #include <cstring>
 #include <stdexcept>
 #include <string>
+#include <utility>
 
 namespace TestSupport
 {
@@ -129,6 +130,13 @@ DropDataObject* DropDataObject::Create(const std::vector<WideString>& paths)
 {
     DropDataObject* object = new DropDataObject;
     object->m_dropFiles = DropFilesBlock(paths);
+    return object;
+}
+
+DropDataObject* DropDataObject::FromBlock(std::vector<BYTE> block)
+{
+    DropDataObject* object = new DropDataObject;
+    object->m_dropFiles = std::move(block);
     return object;
 }
 

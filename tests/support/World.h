@@ -45,6 +45,8 @@ class DropDataObject : public IDataObject
 {
 public:
     static DropDataObject* Create(const std::vector<WideString>& paths);
+    // Offers these bytes as they are for CF_HDROP, a hostile sender's block included.
+    static DropDataObject* FromBlock(std::vector<BYTE> block);
     // Offers no CF_HDROP at all, or one whose medium can't be locked.
     void WithoutDropFiles() { m_dropMode = DropMode::Missing; }
     void WithUnlockableDropFiles() { m_dropMode = DropMode::Unlockable; }

@@ -1,0 +1,117 @@
+#include "extension/DropFiles.h"
+#include "extension/CopyMoveExtension.h"
+
+#include <cstddef>
+#include <cstring>
+#include <utility>
+
+namespace
+{
+constexpr int kPathLimit = static_cast<int>(SELECTED_PATH_CAPACITY) - 1;
+
+// Takes back what a read appended unless it got to the closing empty name: a hostile block leaves the
+// selection as it was, as a missing one does.
+class AppendedPaths
+{
+public:
+    explicit AppendedPaths(NodeList<WideString>& paths) noexcept : m_paths(paths), m_before(paths.GetCount())
+    {
+    }
+    ~AppendedPaths()
+    {
+        if (!m_kept)
+            while (m_paths.GetCount() > m_before)
+                m_paths.RemoveTail();
+    }
+    AppendedPaths(const AppendedPaths&) = delete;
+    AppendedPaths& operator=(const AppendedPaths&) = delete;
+    void Keep() noexcept { m_kept = true; }
+
+private:
+    NodeList<WideString>& m_paths;
+    size_t m_before;
+    bool m_kept = false;
+};
+
+// pFiles is the sender's to choose, so a name may start on an odd byte: units are copied, never dereferenced.
+WCHAR UnitAt(const BYTE* at) noexcept
+{
+    WCHAR unit;
+    std::memcpy(&unit, at, sizeof(unit));
+    return unit;
+}
+
+bool ReadWideNames(const BYTE* at, const BYTE* end, NodeList<WideString>& paths)
+{
+    for (;;)
+    {
+        const BYTE* name = at;
+        while (end - at >= static_cast<ptrdiff_t>(sizeof(WCHAR)) && UnitAt(at) != 0)
+            at += sizeof(WCHAR);
+        if (end - at < static_cast<ptrdiff_t>(sizeof(WCHAR)))
+            return false;
+        const ptrdiff_t units = (at - name) / static_cast<ptrdiff_t>(sizeof(WCHAR));
+        at += sizeof(WCHAR);
+        if (units == 0)
+            return true;
+        const int kept = units < kPathLimit ? static_cast<int>(units) : kPathLimit;
+        WideString path;
+        std::memcpy(path.GetBuffer(kept), name, static_cast<size_t>(kept) * sizeof(WCHAR));
+        path.ReleaseBuffer(kept);
+        paths.AddTail(std::move(path));
+    }
+}
+
+// Every code page gives at most one unit per byte, so a name of up to 259 bytes converts straight into the
+// path; a longer one is converted whole and then cut, as its text would arrive.
+void AddAnsiName(const char* name, int bytes, NodeList<WideString>& paths)
+{
+    WideString path;
+    int units = bytes;
+    if (bytes > kPathLimit)
+        units = MultiByteToWideChar(CP_ACP, 0, name, bytes, nullptr, 0);
+    if (units > 0)
+        units = MultiByteToWideChar(CP_ACP, 0, name, bytes, path.GetBuffer(units), units);
+    if (units <= 0)
+        return;
+    path.ReleaseBuffer(units < kPathLimit ? units : kPathLimit);
+    paths.AddTail(std::move(path));
+}
+
+bool ReadAnsiNames(const BYTE* at, const BYTE* end, NodeList<WideString>& paths)
+{
+    for (;;)
+    {
+        const void* zero = std::memchr(at, 0, static_cast<size_t>(end - at));
+        if (!zero)
+            return false;
+        const BYTE* stop = static_cast<const BYTE*>(zero);
+        if (stop == at)
+            return true;
+        const ptrdiff_t bytes = stop - at;
+        if (bytes > 0x7FFFFFFF)
+            return false;
+        AddAnsiName(reinterpret_cast<const char*>(at), static_cast<int>(bytes), paths);
+        at = stop + 1;
+    }
+}
+} // namespace
+
+bool ReadDropFiles(const BYTE* block, SIZE_T size, NodeList<WideString>& paths)
+{
+    if (!block || size < sizeof(DROPFILES))
+        return false;
+    DROPFILES header;
+    std::memcpy(&header, block, sizeof(header));
+    // DragQueryFileW takes pFiles and the list's end on trust and walks on past the block when either is
+    // wrong; here both are checked against the size the medium reports.
+    if (header.pFiles >= size)
+        return false;
+    AppendedPaths appended(paths);
+    const BYTE* end = block + size;
+    const bool read = header.fWide ? ReadWideNames(block + header.pFiles, end, paths)
+                                   : ReadAnsiNames(block + header.pFiles, end, paths);
+    if (read)
+        appended.Keep();
+    return read;
+}
