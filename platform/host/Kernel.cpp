@@ -1,4 +1,5 @@
 #include "platform/host/Kernel.h"
+#include "platform/host/ControlSystem.h"
 #include "platform/host/Utf8.h"
 
 #include <atomic>
@@ -6,11 +7,13 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <mutex>
 #include <new>
 #include <pthread.h>
 #include <string>
 #include <sys/syscall.h>
 #include <unistd.h>
+#include <vector>
 #if defined(__SSE2__)
 #include <emmintrin.h>
 #endif
@@ -622,10 +625,37 @@ int MultiByteToWideChar(UINT codePage, DWORD flags, LPCSTR bytes, int byteCount,
     return static_cast<int>(out.size());
 }
 
+namespace
+{
+std::atomic<bool> g_recordDebugOutput{false};
+std::mutex g_debugOutputLock;
+std::vector<std::u16string> g_debugOutput;
+} // namespace
+
 void OutputDebugStringW(LPCWSTR text)
 {
     static const bool enabled = std::getenv("VELMOUNT_TRACE") != nullptr;
-    if (!enabled || !text)
+    if (!text)
         return;
-    std::fprintf(stderr, "%s\n", VmHost::Utf8(text).c_str());
+    if (g_recordDebugOutput.load(std::memory_order_relaxed))
+    {
+        std::lock_guard<std::mutex> hold(g_debugOutputLock);
+        g_debugOutput.emplace_back(text);
+    }
+    if (enabled)
+        std::fprintf(stderr, "%s\n", VmHost::Utf8(text).c_str());
+}
+
+void VmHost::RecordDebugOutput(bool on)
+{
+    std::lock_guard<std::mutex> hold(g_debugOutputLock);
+    if (on)
+        g_debugOutput.clear();
+    g_recordDebugOutput.store(on);
+}
+
+std::vector<std::u16string> VmHost::DebugOutput()
+{
+    std::lock_guard<std::mutex> hold(g_debugOutputLock);
+    return g_debugOutput;
 }

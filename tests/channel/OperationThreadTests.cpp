@@ -230,6 +230,10 @@ TEST(OperationThread, ADialogThatCannotBeMadeStopsTheOperationBeforeTheRequest)
     ASSERT_EQ(1u, seen.size());
     EXPECT_EQ("File Operation Error", seen[0].caption);
     EXPECT_EQ("Create Progress Dialog Failed", seen[0].text);
+#ifndef _WIN32 // the watcher on Windows sees only the window
+    EXPECT_EQ(nullptr, seen[0].owner);
+    EXPECT_EQ(static_cast<UINT>(MB_ICONERROR), seen[0].type);
+#endif
     ASSERT_TRUE(service.WaitForSessions(1, OPERATION_TIME_LIMIT)) << "the client closed without a request";
     EXPECT_TRUE(service.Received().empty());
 }

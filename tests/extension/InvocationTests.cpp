@@ -58,12 +58,30 @@ ServiceScript Script(const char* text)
     return script;
 }
 
+// Each box as "caption: text", on the host with its owner and flags, which the Windows watcher can't read.
 std::vector<std::string> Captions(const MessageBoxWatch& watch)
 {
     std::vector<std::string> lines;
     for (const SeenMessageBox& box : watch.Seen())
+    {
         lines.push_back(box.caption + ": " + box.text);
+#ifndef _WIN32
+        lines.back() += (box.owner ? " (an owner" : " (no owner") + std::string(", flags ") +
+                        std::to_string(box.type) + ")";
+#endif
+    }
     return lines;
+}
+
+// A box as Captions lists it.
+std::string Box(const std::string& captionAndText, UINT flags)
+{
+#ifdef _WIN32
+    (void)flags;
+    return captionAndText;
+#else
+    return captionAndText + " (no owner, flags " + std::to_string(flags) + ")";
+#endif
 }
 
 // The object as Initialize and QueryContextMenu leave it, on a managed drive whose key is this test's own.
@@ -311,7 +329,9 @@ TEST_P(InvocationDelete, AsksAndSendsOnlyOnYes)
 
     MessageBoxWatch watch(row.answer);
     std::vector<ReceivedMessage> received = InvokeServed(2, row.answer == IDYES ? S_OK : E_FAIL);
-    EXPECT_EQ((Lines{std::string("Velmount Delete Confirmation: ") + row.text}), Captions(watch));
+    EXPECT_EQ(
+        (Lines{Box(std::string("Velmount Delete Confirmation: ") + row.text, MB_YESNO | MB_ICONEXCLAMATION)}),
+        Captions(watch));
     if (row.answer != IDYES)
     {
         EXPECT_TRUE(received.empty());
@@ -327,7 +347,8 @@ INSTANTIATE_TEST_SUITE_P(
     Rows, InvocationDelete,
     testing::Values(DeleteCase{"OneYes", 1, IDYES, "Are you sure you want to remove this item?"},
                     DeleteCase{"OneNo", 1, IDNO, "Are you sure you want to remove this item?"},
-                    DeleteCase{"TwoYes", 2, IDYES, "Are you sure you want to remove these 2 items?"}),
+                    DeleteCase{"TwoYes", 2, IDYES, "Are you sure you want to remove these 2 items?"},
+                    DeleteCase{"TwelveNo", 12, IDNO, "Are you sure you want to remove these 12 items?"}),
     [](const testing::TestParamInfo<DeleteCase>& info) { return std::string(info.param.what); });
 
 // ---------------------------------------------------------------------------------------------------------
@@ -439,7 +460,8 @@ TEST_P(InvocationSize, ListWithinTheLimitsGoesAndOneBeyondIsRefusedWhole)
     }
     else
     {
-        EXPECT_EQ((Lines{"Velmount Error: Velmount : Too Many Files To Process"}), Captions(watch));
+        EXPECT_EQ((Lines{Box("Velmount Error: Velmount : Too Many Files To Process", MB_ICONHAND)}),
+                  Captions(watch));
         EXPECT_TRUE(received.empty()) << "nothing is sent";
     }
 }
@@ -465,7 +487,7 @@ TEST_F(Invocation, ThreadThatCannotStartIsReportedAndGivesTheLockBack)
     MessageBoxWatch watch;
     VmHostFailCreateThread(1);
     EXPECT_EQ(E_FAIL, Invoke(1));
-    EXPECT_EQ((Lines{"ERROR: Progress Thread Creation Failed"}), Captions(watch));
+    EXPECT_EQ((Lines{Box("ERROR: Progress Thread Creation Failed", MB_ICONHAND)}), Captions(watch));
     EXPECT_EQ(0, ModuleLocks());
 }
 #endif

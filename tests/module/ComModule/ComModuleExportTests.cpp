@@ -4,8 +4,12 @@
 #include "tests/module/ComModule/LibraryPath.h"
 
 #include <gtest/gtest.h>
+#ifndef _WIN32
+#include "platform/host/ControlSystem.h"
+#endif
 
 #include <atomic>
+#include <functional>
 #include <string>
 #include <thread>
 #include <vector>
@@ -244,6 +248,59 @@ TEST_F(ComModuleExports, AggregationOnlyThroughIUnknown)
     EXPECT_EQ(0u, inner->Release());
     EXPECT_EQ(S_OK, m_canUnloadNow());
 }
+
+#ifndef _WIN32 // On Windows the debug output reaches only a debugger.
+// Each entry point writes its one fixed line on entry, whatever comes of the call; QueryContextMenu writes
+// its second line only past the CMF_DEFAULTONLY test.
+TEST_F(ComModuleExports, EntryPointsWriteTheirTraceLines)
+{
+    const std::u16string PREFIX = u"Velmount Copy Extension : ";
+    const struct
+    {
+        const char* what;
+        std::function<void(IShellExtInit*, IContextMenu*)> call;
+        std::vector<std::u16string> lines;
+    } rows[] = {
+        {"Initialize",
+         [](IShellExtInit* init, IContextMenu*) { init->Initialize(nullptr, nullptr, nullptr); },
+         {PREFIX + u"Initialize 2019.12.14.1"}},
+        {"QueryContextMenu for the default only",
+         [](IShellExtInit*, IContextMenu* menu)
+         { menu->QueryContextMenu(nullptr, 0, 1, 100, CMF_DEFAULTONLY); },
+         {PREFIX + u"QueryContextMenu"}},
+        {"QueryContextMenu",
+         [](IShellExtInit*, IContextMenu* menu) { menu->QueryContextMenu(nullptr, 0, 1, 100, 0); },
+         {PREFIX + u"QueryContextMenu", PREFIX + u"GetDefaultMenu"}},
+        {"InvokeCommand",
+         [](IShellExtInit*, IContextMenu* menu) { menu->InvokeCommand(nullptr); },
+         {PREFIX + u"InvokeCommand"}},
+        {"GetCommandString",
+         [](IShellExtInit*, IContextMenu* menu)
+         {
+             char text[16] = {};
+             menu->GetCommandString(0, GCS_VERBA, nullptr, text, sizeof(text));
+         },
+         {}},
+    };
+    IClassFactory* factory = Factory();
+    ASSERT_NE(nullptr, factory);
+    for (const auto& row : rows)
+    {
+        SCOPED_TRACE(row.what);
+        IShellExtInit* init = nullptr;
+        ASSERT_EQ(S_OK, factory->CreateInstance(nullptr, IID_IShellExtInit, reinterpret_cast<void**>(&init)));
+        IContextMenu* menu = nullptr;
+        ASSERT_EQ(S_OK, init->QueryInterface(IID_IContextMenu, reinterpret_cast<void**>(&menu)));
+        VmHost::RecordDebugOutput(true);
+        row.call(init, menu);
+        VmHost::RecordDebugOutput(false);
+        EXPECT_EQ(row.lines, VmHost::DebugOutput());
+        menu->Release();
+        init->Release();
+    }
+    factory->Release();
+}
+#endif
 
 // The file manager calls the exports and the class object from any thread. Every thread starts at once and
 // takes the class object, holds and drops it, locks and unlocks the server, creates and releases an object
