@@ -52,9 +52,8 @@ public:
             matched |= RecordMatch(item, entry->text, FOREIGN_MENU_ENTRY);
             from = entry->position + 1; // below indexMenu, so no wrap
         }
-        for (const MenuStep& step : m_plan.steps)
-            matched |= RecordMatch(item, step.kind == MenuStepKind::Item ? step.caption : WideString(),
-                                   step.commandId - m_request.idCmdFirst);
+        for (const MenuStep& step : m_plan.steps) // a separator's caption is empty, as the menu gives it
+            matched |= RecordMatch(item, step.caption, step.commandId - m_request.idCmdFirst);
         return matched;
     }
 
