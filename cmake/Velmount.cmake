@@ -18,7 +18,9 @@ function(velmount_library name dir)
     target_link_libraries(${name} PUBLIC vm_win32 ${ARGN})
     velmount_warnings(${name})
     if(VELMOUNT_COVERAGE)
-        target_compile_options(${name} PRIVATE --coverage)
+        # Atomic counters: workers count alongside the caller's thread, and counts torn by a race come out
+        # as negative branch counts that gcov prints and gcovr can't read.
+        target_compile_options(${name} PRIVATE --coverage -fprofile-update=atomic)
     endif()
 endfunction()
 
