@@ -107,7 +107,10 @@ INT_PTR CALLBACK ChooserDialogProc(HWND dialog, UINT message, WPARAM wParam, LPA
         case IDCANCEL:
             return EndChooser(dialog, 2);
         case IDOK:
-            return 1; // no default button: Enter asks nothing and ends nothing
+            // Enter on the button the dialog focused at its start: with no default button the dialog
+            // manager sends IDOK, which ends nothing. Once the user has moved the focus (Tab, arrows), the
+            // focused button takes the default look and answers Enter itself, as its own click.
+            return 1;
         default:
             return 0;
         }

@@ -61,7 +61,8 @@ bool ProbeShellCommand(HMENU hmenu, UINT id, bool& isDefault)
 // The entries above the insertion point, for the FMI caption scan. A position the menu refuses is left out.
 void ReadExistingItems(HMENU hmenu, UINT indexMenu, std::vector<ExistingMenuEntry>& entries)
 {
-    // Positions past the menu's end hold nothing; the count keeps a huge indexMenu from costing anything.
+    // Positions past the menu's end hold nothing: the count bounds the walk, whatever indexMenu says (and the
+    // plan's caption scan walks only the entries read here).
     int count = GetMenuItemCount(hmenu);
     UINT end =
         count < 0 ? indexMenu : (static_cast<UINT>(count) < indexMenu ? static_cast<UINT>(count) : indexMenu);

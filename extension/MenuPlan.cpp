@@ -39,22 +39,21 @@ public:
     }
 
     // The caption scan over everything above the insertion point: the entries that were there and what this
-    // call has inserted. Each match gets a record; returns whether anything matched.
+    // call has inserted, in the order of their positions. Each match gets a record; returns whether anything
+    // matched. Below the insertion point only the entries read from the menu can answer, so the walk goes
+    // from one of them to the next (at most the menu's count of them), never through every position up to a
+    // huge indexMenu.
     bool RecordMatches(const CustomMenuItem& item)
     {
         bool matched = false;
-        for (UINT position = 0; position < m_position; ++position)
+        UINT from = 0;
+        while (const ExistingMenuEntry* entry = FirstEntryFrom(from))
         {
-            UINT number = 0;
-            WideString text;
-            if (!EntryAt(position, number, text))
-                continue;
-            if (CompareText(text, item.m_text) == 0)
-            {
-                Record(number, item.m_operation);
-                matched = true;
-            }
+            matched |= RecordMatch(item, entry->text, FOREIGN_MENU_ENTRY);
+            from = entry->position + 1; // below indexMenu, so no wrap
         }
+        for (const MenuStep& step : m_plan.steps) // a separator's caption is empty, as the menu gives it
+            matched |= RecordMatch(item, step.caption, step.commandId - m_request.idCmdFirst);
         return matched;
     }
 
@@ -69,28 +68,25 @@ private:
         ++m_id;
     }
 
-    // What the menu would answer for `position`: its number for a record and its caption as GetMenuStringW
-    // gives it (at most 259 units, empty for a separator). False where the menu has no entry.
-    bool EntryAt(UINT position, UINT& number, WideString& text) const
+    // Compares the caption as GetMenuStringW gives it (at most 259 units, empty for a separator).
+    bool RecordMatch(const CustomMenuItem& item, const WideString& caption, UINT number)
     {
-        if (position >= m_request.indexMenu)
-        {
-            const MenuStep& step = m_plan.steps[position - m_request.indexMenu];
-            if (step.kind == MenuStepKind::Item)
-                text = step.caption.Left(MENU_TEXT_CAPACITY - 1);
-            number = step.commandId - m_request.idCmdFirst;
-            return true;
-        }
+        if (CompareText(caption.Left(MENU_TEXT_CAPACITY - 1), item.m_text) != 0)
+            return false;
+        Record(number, item.m_operation);
+        return true;
+    }
+
+    // The menu's entry at the lowest position from `from` up to the insertion point (the first read of
+    // that position), or null.
+    const ExistingMenuEntry* FirstEntryFrom(UINT from) const
+    {
+        const ExistingMenuEntry* first = nullptr;
         for (const ExistingMenuEntry& entry : m_request.existingItems)
-        {
-            if (entry.position == position)
-            {
-                text = entry.text.Left(MENU_TEXT_CAPACITY - 1);
-                number = FOREIGN_MENU_ENTRY;
-                return true;
-            }
-        }
-        return false;
+            if (entry.position >= from && entry.position < m_request.indexMenu &&
+                (!first || entry.position < first->position))
+                first = &entry;
+        return first;
     }
 
     const MenuRequest& m_request;

@@ -171,9 +171,11 @@ LONG CAtlModule::Unlock() noexcept
     return InterlockedDecrement(&m_lockCount);
 }
 
+// Workers and the file manager's threads change the count while another thread asks DllCanUnloadNow: a plain
+// read of it would race with their interlocked writes.
 LONG CAtlModule::GetLockCount() noexcept
 {
-    return m_lockCount;
+    return InterlockedCompareExchange(&m_lockCount, 0, 0);
 }
 
 HRESULT CAtlModule::GetGlobalInterfaceTable(IGlobalInterfaceTable** table) noexcept

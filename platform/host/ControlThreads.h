@@ -1,4 +1,5 @@
-// Test control of the threads area: the clock that GetTickCount64 reads, and thread creation failing.
+// Test control of the threads area: the clock that GetTickCount64 reads, thread creation failing, and a
+// record of the pauses taken.
 #pragma once
 
 #include "platform/host/Types.h"
@@ -10,3 +11,13 @@ WINBASEAPI void VmHostAdvanceTickCount(ULONGLONG milliseconds);
 WINBASEAPI void VmHostUseRealTickCount(void);
 // The next `count` calls of CreateThread fail with ERROR_NOT_ENOUGH_MEMORY, as when no thread can be had.
 WINBASEAPI void VmHostFailCreateThread(DWORD count);
+
+#ifdef __cplusplus
+#include <vector>
+namespace VmHost
+{
+// Records the length of every Sleep from now on (dropping earlier ones), or stops; off at start.
+void RecordSleeps(bool on);
+std::vector<DWORD> Sleeps();
+} // namespace VmHost
+#endif

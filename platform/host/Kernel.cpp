@@ -1,4 +1,5 @@
 #include "platform/host/Kernel.h"
+#include "platform/host/ControlSystem.h"
 #include "platform/host/Utf8.h"
 
 #include <atomic>
@@ -6,11 +7,13 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <mutex>
 #include <new>
 #include <pthread.h>
 #include <string>
 #include <sys/syscall.h>
 #include <unistd.h>
+#include <vector>
 #if defined(__SSE2__)
 #include <emmintrin.h>
 #endif
@@ -270,8 +273,8 @@ int lstrcmpW(LPCWSTR a, LPCWSTR b)
 }
 // Finds the terminator eight units at a time. A block is read only from an aligned address, so it never
 // reaches into another page, though it may read the units just behind the terminator: that is why the
-// function is kept from the address sanitizer, whose shadow knows nothing of alignment.
-__attribute__((no_sanitize_address)) int lstrlenW(LPCWSTR text)
+// function is kept from the address and thread sanitizers, whose shadows know nothing of alignment.
+__attribute__((no_sanitize("address", "thread"))) int lstrlenW(LPCWSTR text)
 {
     if (!text)
         return 0;
@@ -622,10 +625,37 @@ int MultiByteToWideChar(UINT codePage, DWORD flags, LPCSTR bytes, int byteCount,
     return static_cast<int>(out.size());
 }
 
+namespace
+{
+std::atomic<bool> g_recordDebugOutput{false};
+std::mutex g_debugOutputLock;
+std::vector<std::u16string> g_debugOutput;
+} // namespace
+
 void OutputDebugStringW(LPCWSTR text)
 {
     static const bool enabled = std::getenv("VELMOUNT_TRACE") != nullptr;
-    if (!enabled || !text)
+    if (!text)
         return;
-    std::fprintf(stderr, "%s\n", VmHost::Utf8(text).c_str());
+    if (g_recordDebugOutput.load(std::memory_order_relaxed))
+    {
+        std::lock_guard<std::mutex> hold(g_debugOutputLock);
+        g_debugOutput.emplace_back(text);
+    }
+    if (enabled)
+        std::fprintf(stderr, "%s\n", VmHost::Utf8(text).c_str());
+}
+
+void VmHost::RecordDebugOutput(bool on)
+{
+    std::lock_guard<std::mutex> hold(g_debugOutputLock);
+    if (on)
+        g_debugOutput.clear();
+    g_recordDebugOutput.store(on);
+}
+
+std::vector<std::u16string> VmHost::DebugOutput()
+{
+    std::lock_guard<std::mutex> hold(g_debugOutputLock);
+    return g_debugOutput;
 }

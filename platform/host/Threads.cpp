@@ -145,8 +145,34 @@ void ExitThread(DWORD exitCode)
     pthread_exit(nullptr); // unwinds the thread's stack, as leaving the start routine would
 }
 
+namespace
+{
+std::atomic<bool> g_recordSleeps{false};
+std::mutex g_sleepsLock;
+std::vector<DWORD> g_sleeps;
+} // namespace
+
+void VmHost::RecordSleeps(bool on)
+{
+    std::lock_guard<std::mutex> hold(g_sleepsLock);
+    if (on)
+        g_sleeps.clear();
+    g_recordSleeps.store(on);
+}
+
+std::vector<DWORD> VmHost::Sleeps()
+{
+    std::lock_guard<std::mutex> hold(g_sleepsLock);
+    return g_sleeps;
+}
+
 void Sleep(DWORD milliseconds)
 {
+    if (g_recordSleeps.load(std::memory_order_relaxed))
+    {
+        std::lock_guard<std::mutex> hold(g_sleepsLock);
+        g_sleeps.push_back(milliseconds);
+    }
     if (milliseconds == INFINITE)
         for (;;)
             std::this_thread::sleep_for(std::chrono::hours(1));

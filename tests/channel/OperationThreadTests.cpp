@@ -11,6 +11,10 @@
 #include "tools/FakeService/FakeService.h"
 
 #include <gtest/gtest.h>
+#ifndef _WIN32
+#include "platform/host/ControlPipes.h"
+#include "platform/host/ControlThreads.h"
+#endif
 
 #include <algorithm>
 #include <string>
@@ -44,6 +48,21 @@ Calls CallsAfterStart(const TestSupport::ProgressJournal& journal)
     return calls;
 }
 
+#ifndef _WIN32 // Only the stand-in records the pauses a thread takes.
+// Records Sleep from its making; says how many of the recorded pauses were the 100 ms one before the dialog
+// goes.
+struct ClosingPauses
+{
+    ClosingPauses() { VmHost::RecordSleeps(true); }
+    ~ClosingPauses() { VmHost::RecordSleeps(false); }
+    long Count() const
+    {
+        std::vector<DWORD> sleeps = VmHost::Sleeps();
+        return static_cast<long>(std::count(sleeps.begin(), sleeps.end(), 100u));
+    }
+};
+#endif
+
 Bytes CancelBytes()
 {
     Bytes cancel(64, 0);
@@ -65,8 +84,14 @@ TEST(OperationThread, QuickCopyFromRequestToEnd)
     ASSERT_TRUE(service.Start());
     OperationJob* job = NewJob(key);
     job->m_sourceList = TEXT("D:\\a.txt\nD:\\\u00E9.txt\n");
+#ifndef _WIN32
+    ClosingPauses pauses;
+#endif
 
     EXPECT_EQ(0u, Finish(StartedOperation(job)));
+#ifndef _WIN32
+    EXPECT_EQ(1, pauses.Count()) << "the dialog stays 100 ms past the end";
+#endif
 
     EXPECT_EQ(Calls({"SetOperation 7", "SetMode 1", "SetOperation 2", "UpdateProgress 0 1000 0 8192 0 2",
                      "UpdateLocations c:\\windows c:\\windows\\fonts c:\\windows",
@@ -93,8 +118,14 @@ TEST(OperationThread, QuietOperationShowsNoDialog)
     Text key = UniqueKey(TEXT("worker-test"));
     FakeService service(key.c_str(), Script("send 51 2 5 5\nsend 51 3 1 1\nsend 51 4\n"));
     ASSERT_TRUE(service.Start());
+#ifndef _WIN32
+    ClosingPauses pauses;
+#endif
 
     EXPECT_EQ(0u, Finish(StartedOperation(NewJob(key, 51))));
+#ifndef _WIN32
+    EXPECT_EQ(0, pauses.Count()) << "without a dialog nothing waits at the end";
+#endif
 
     EXPECT_EQ(0, dialogs.journal.dialogsMade.load());
     EXPECT_EQ(0, dialogs.journal.statusQueries.load());
@@ -132,6 +163,56 @@ TEST(OperationThread, CancelGoesOutOnceAndTheReportsAfterItStillCount)
     EXPECT_EQ(Calls({"UpdateProgress 500 1000 4096 8192 1 2", "UpdateProgress 1000 1000 8192 8192 2 2",
                      "StopProgressDialog"}),
               Calls(calls.end() - 3, calls.end()));
+}
+
+// A cancel goes out only on a status query that answers S_OK with the cancelled status, and only once: a
+// query that fails, or succeeds with another code, sends nothing, and a cancel whose write fails is not tried
+// again (the failed write marks the pipe closed, which ends the operation).
+TEST(OperationThread, OnlyAStatusOfSOkSendsTheOneCancel)
+{
+    const struct
+    {
+        const char* what;
+        HRESULT statusResult;
+        bool failTheCancelWrite;
+        int cancelsReceived;
+    } rows[] = {
+        {"S_OK", S_OK, false, 1},
+        {"failed query", E_FAIL, false, 0},
+        {"S_FALSE", S_FALSE, false, 0},
+#ifndef _WIN32 // Only the stand-in refuses a write on request.
+        {"failed write", S_OK, true, 0},
+#endif
+    };
+    for (const auto& row : rows)
+    {
+        SCOPED_TRACE(row.what);
+        TestSupport::ProgressDialogRegistration dialogs;
+        dialogs.journal.statusResult = row.statusResult;
+        Text key = UniqueKey(TEXT("worker-test"));
+        FakeService service(key.c_str(), Script("pause 300\nsend 21 99\n"));
+        // The user cancels once the request is in: the cancel is then the next write of the process.
+        service.onReceived = [&](const ReceivedMessage&)
+        {
+            if (dialogs.journal.status.load() == PDOPS_CANCELLED)
+                return;
+#ifndef _WIN32
+            if (row.failTheCancelWrite)
+                VmHostFailPipeWrites(ERROR_NO_DATA, 1);
+#endif
+            dialogs.journal.status = PDOPS_CANCELLED;
+        };
+        ASSERT_TRUE(service.Start());
+
+        EXPECT_EQ(0u, Finish(StartedOperation(NewJob(key))));
+
+        ASSERT_TRUE(service.WaitForSessions(1, OPERATION_TIME_LIMIT));
+        EXPECT_EQ(row.cancelsReceived, service.CancelsReceived());
+        if (row.statusResult != S_OK)
+        {
+            EXPECT_GT(dialogs.journal.statusQueries.load(), 5) << "the loop kept looking through the pause";
+        }
+    }
 }
 
 TEST(OperationThread, ServiceGoneRightAfterTheRequestEndsTheOperation)
@@ -230,6 +311,10 @@ TEST(OperationThread, ADialogThatCannotBeMadeStopsTheOperationBeforeTheRequest)
     ASSERT_EQ(1u, seen.size());
     EXPECT_EQ("File Operation Error", seen[0].caption);
     EXPECT_EQ("Create Progress Dialog Failed", seen[0].text);
+#ifndef _WIN32 // the watcher on Windows sees only the window
+    EXPECT_EQ(nullptr, seen[0].owner);
+    EXPECT_EQ(static_cast<UINT>(MB_ICONERROR), seen[0].type);
+#endif
     ASSERT_TRUE(service.WaitForSessions(1, OPERATION_TIME_LIMIT)) << "the client closed without a request";
     EXPECT_TRUE(service.Received().empty());
 }

@@ -332,6 +332,21 @@ TEST_F(DriveMarkerRead, ForeignKeyIsAnotherDriveAndLeavesTheCacheAlone)
     EXPECT_FALSE(m_object->IsOnSameDrive(m_drive.Path(TEXT("Nowhere\\a.txt")), m_object->m_targetDrive));
 }
 
+// A cached record of another key is not the last word: the folder's marker is read again, and what it says
+// now decides.
+TEST_F(DriveMarkerRead, ACachedFolderOfAnotherKeyIsReadAgain)
+{
+    m_drive.WriteMarker(TEXT("Moved"), TEXT("K=old|RM=\\Moved\\.Velmount"));
+    ASSERT_NE(m_object->ReadDriveMarker(m_drive.Path(TEXT("Moved"))), nullptr); // cached: no target yet
+    m_drive.WriteMarker(TEXT("Mine"), TEXT("K=mine|RM=\\Mine\\.Velmount"));
+    m_object->m_targetDrive = m_object->ReadDriveMarker(m_drive.Path(TEXT("Mine")));
+    ASSERT_NE(m_object->m_targetDrive, nullptr);
+
+    EXPECT_FALSE(m_object->IsOnSameDrive(m_drive.Path(TEXT("Moved\\a.txt")), m_object->m_targetDrive));
+    m_drive.WriteMarker(TEXT("Moved"), TEXT("K=mine|RM=\\Moved\\.Velmount"));
+    EXPECT_TRUE(m_object->IsOnSameDrive(m_drive.Path(TEXT("Moved\\a.txt")), m_object->m_targetDrive));
+}
+
 TEST_F(DriveMarkerRead, MarkersWithoutKeyAreOneDrive)
 {
     m_drive.MakeFolder(TEXT("One"));

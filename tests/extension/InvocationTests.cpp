@@ -58,12 +58,30 @@ ServiceScript Script(const char* text)
     return script;
 }
 
+// Each box as "caption: text", on the host with its owner and flags, which the Windows watcher can't read.
 std::vector<std::string> Captions(const MessageBoxWatch& watch)
 {
     std::vector<std::string> lines;
     for (const SeenMessageBox& box : watch.Seen())
+    {
         lines.push_back(box.caption + ": " + box.text);
+#ifndef _WIN32
+        lines.back() += (box.owner ? " (an owner" : " (no owner") + std::string(", flags ") +
+                        std::to_string(box.type) + ")";
+#endif
+    }
     return lines;
+}
+
+// A box as Captions lists it.
+std::string Box(const std::string& captionAndText, UINT flags)
+{
+#ifdef _WIN32
+    (void)flags;
+    return captionAndText;
+#else
+    return captionAndText + " (no owner, flags " + std::to_string(flags) + ")";
+#endif
 }
 
 // The object as Initialize and QueryContextMenu leave it, on a managed drive whose key is this test's own.
@@ -255,27 +273,70 @@ TEST_F(Invocation, FirstRecordOfANumberWinsAndTheDrivesKeyStandsInForAnEmptyOne)
     EXPECT_EQ(Path(TEXT("Plain\\a.txt")) + "\n", received[0].message.source);
 }
 
-TEST_F(Invocation, DriveListHasEveryCachedRecordInTheCachesOrder)
+// The drive list follows the cache's bins, not the order of reading: the cache holds 17 bins up to 38 records
+// and 53 from the 39th on, and walks its bins upwards, each from its newest record. The expected order is
+// worked out here from the keys' hashes (h = h * 33 + unit over the lower-cased folder): 38 folders besides
+// the target's, each alone in its bin of 53, then two more read after the growth that share one bin.
+TEST_F(Invocation, DriveListFollowsTheBinsOfTheGrownCache)
 {
-    Text deep = TEXT("K=") + key + TEXT("|RM=\\Mount\\.Velmount");
-    drive.WriteMarker(TEXT("Deep\\Mount"), deep.c_str());
-    Text other = TEXT("K=") + key + TEXT("|RM=\\Other\\.Velmount");
-    drive.WriteMarker(TEXT("Other"), other.c_str());
+    auto hashOf = [](const std::string& text)
+    {
+        UINT hash = 0;
+        for (char unit : text)
+            hash = hash * 33u + static_cast<unsigned char>(unit);
+        return hash;
+    };
+    auto lower = [](std::string text)
+    {
+        for (char& unit : text)
+            unit = static_cast<char>(unit >= 'A' && unit <= 'Z' ? unit + 32 : unit);
+        return text;
+    };
+    struct Read
+    {
+        std::string mount;
+        UINT bin; // of the lower-cased folder, the cache's key
+        int order;
+    };
+    // The target's marker says it lies one folder below the mount point; the others are mount points.
+    std::string managed = lower(Path(TEXT("Managed")));
+    std::vector<Read> reads{{managed.substr(0, managed.rfind('\\')), hashOf(managed) % 53, 0}};
+    std::vector<bool> taken(53, false);
+    taken[reads[0].bin] = true;
+    std::vector<std::string> names;
+    for (int i = 0; names.size() < 40; ++i)
+    {
+        std::string name = "D" + std::to_string(i);
+        std::string folder = lower(Path(Text(name.begin(), name.end()).c_str()));
+        UINT bin = hashOf(folder) % 53;
+        bool pair = names.size() == 39;
+        if (pair ? bin != reads.back().bin : taken[bin])
+            continue;
+        taken[bin] = true;
+        names.push_back(name);
+        reads.push_back({folder, bin, static_cast<int>(reads.size())});
+    }
+    for (const std::string& name : names)
+    {
+        Text marker = TEXT("K=") + key + TEXT("|RM=\\.Velmount");
+        drive.WriteMarker(Text(name.begin(), name.end()).c_str(), marker.c_str());
+    }
     ArrangeTarget(TEXT("Managed"));
-    ASSERT_NE(nullptr, object->ReadDriveMarker(drive.Path(TEXT("Deep\\Mount"))));
-    ASSERT_NE(nullptr, object->ReadDriveMarker(drive.Path(TEXT("Other"))));
-    Select({drive.Path(TEXT("Other\\a.txt"))});
+    for (const std::string& name : names)
+        ASSERT_NE(nullptr, object->ReadDriveMarker(drive.Path(Text(name.begin(), name.end()).c_str())));
+    ASSERT_EQ(53u, object->m_driveCache.GetHashTableSize());
+    Select({drive.Path(TEXT("Managed\\a.txt"))});
     Command(1, OP_QUICK_COPY);
 
+    std::stable_sort(reads.begin(), reads.end(),
+                     [](const Read& a, const Read& b)
+                     { return a.bin != b.bin ? a.bin < b.bin : a.order > b.order; });
     std::string expected;
-    for (POSITION position = object->m_driveCache.GetStartPosition(); position;)
-        expected += Narrow(object->m_driveCache.GetNextValue(position)->mountPath) + "\n";
+    for (const Read& read : reads)
+        expected += read.mount + "\n";
     std::vector<ReceivedMessage> received = InvokeServed(1, S_OK);
     ASSERT_EQ(1u, received.size());
     EXPECT_EQ(expected, received[0].message.drives);
-    // Three records, one line each, repeats kept: the two mounts at the drive's top and the deeper one.
-    EXPECT_EQ(3, std::count(expected.begin(), expected.end(), '\n'));
-    EXPECT_NE(std::string::npos, expected.find("v:\\deep\n"));
 }
 
 // ---------------------------------------------------------------------------------------------------------
@@ -311,7 +372,9 @@ TEST_P(InvocationDelete, AsksAndSendsOnlyOnYes)
 
     MessageBoxWatch watch(row.answer);
     std::vector<ReceivedMessage> received = InvokeServed(2, row.answer == IDYES ? S_OK : E_FAIL);
-    EXPECT_EQ((Lines{std::string("Velmount Delete Confirmation: ") + row.text}), Captions(watch));
+    EXPECT_EQ(
+        (Lines{Box(std::string("Velmount Delete Confirmation: ") + row.text, MB_YESNO | MB_ICONEXCLAMATION)}),
+        Captions(watch));
     if (row.answer != IDYES)
     {
         EXPECT_TRUE(received.empty());
@@ -327,7 +390,8 @@ INSTANTIATE_TEST_SUITE_P(
     Rows, InvocationDelete,
     testing::Values(DeleteCase{"OneYes", 1, IDYES, "Are you sure you want to remove this item?"},
                     DeleteCase{"OneNo", 1, IDNO, "Are you sure you want to remove this item?"},
-                    DeleteCase{"TwoYes", 2, IDYES, "Are you sure you want to remove these 2 items?"}),
+                    DeleteCase{"TwoYes", 2, IDYES, "Are you sure you want to remove these 2 items?"},
+                    DeleteCase{"TwelveNo", 12, IDNO, "Are you sure you want to remove these 12 items?"}),
     [](const testing::TestParamInfo<DeleteCase>& info) { return std::string(info.param.what); });
 
 // ---------------------------------------------------------------------------------------------------------
@@ -439,7 +503,8 @@ TEST_P(InvocationSize, ListWithinTheLimitsGoesAndOneBeyondIsRefusedWhole)
     }
     else
     {
-        EXPECT_EQ((Lines{"Velmount Error: Velmount : Too Many Files To Process"}), Captions(watch));
+        EXPECT_EQ((Lines{Box("Velmount Error: Velmount : Too Many Files To Process", MB_ICONHAND)}),
+                  Captions(watch));
         EXPECT_TRUE(received.empty()) << "nothing is sent";
     }
 }
@@ -465,7 +530,7 @@ TEST_F(Invocation, ThreadThatCannotStartIsReportedAndGivesTheLockBack)
     MessageBoxWatch watch;
     VmHostFailCreateThread(1);
     EXPECT_EQ(E_FAIL, Invoke(1));
-    EXPECT_EQ((Lines{"ERROR: Progress Thread Creation Failed"}), Captions(watch));
+    EXPECT_EQ((Lines{Box("ERROR: Progress Thread Creation Failed", MB_ICONHAND)}), Captions(watch));
     EXPECT_EQ(0, ModuleLocks());
 }
 #endif

@@ -438,6 +438,12 @@ TEST(BuildMenuPlan, FmiGroupTable)
          Fmis{Fmi(x300.c_str(), 60), Fmi(x300.c_str(), 61), Fmi(y259.c_str(), 62)},
          Lines{"1 (100) -", "2 101" + inserted300, "3 102" + inserted300, "4 (103) -"},
          Lines{"1, 60, vm-77", "2, 61, vm-77", foreign + ", 62, vm-77"}, 4},
+        // The scan goes from entry to entry: a walk through every position below the index would not end in
+        // the test's time.
+        {"a huge index scans only the entries read", 0xFFFFFF00u, 300,
+         Entries{{7, 5, TEXT("Sync")}, {2, 6, TEXT("Other")}},
+         Fmis{Fmi(TEXT("Sync"), 60), Fmi(TEXT("New"), 61)}, Lines{"4294967040 300 New", "4294967041 (301) -"},
+         Lines{foreign + ", 60, vm-77", "0, 61, vm-77"}, 2},
     };
     for (const auto& row : rows)
     {

@@ -13,6 +13,7 @@
 #include <algorithm>
 #include <atomic>
 #include <filesystem>
+#include <functional>
 #include <string>
 #include <vector>
 
@@ -107,13 +108,14 @@ std::string ApprovedValue()
     return Narrow(text);
 }
 
-std::string TypeLibraryPath()
+// The registered type library's file, from the merged classes view or from one root's classes.
+std::string TypeLibraryPath(HKEY root = HKEY_CLASSES_ROOT)
 {
     WCHAR text[1024] = {};
     DWORD bytes = sizeof(text);
-    WText key = WText(TYPE_LIBRARY_KEY) + TEXT("\\1.0\\409\\win64");
-    if (RegGetValueW(HKEY_CLASSES_ROOT, key.c_str(), nullptr, RRF_RT_REG_SZ, nullptr, text, &bytes) !=
-        ERROR_SUCCESS)
+    WText key = WText(root == HKEY_CLASSES_ROOT ? TEXT("") : MACHINE_CLASSES) + TYPE_LIBRARY_KEY +
+                TEXT("\\1.0\\409\\win64");
+    if (RegGetValueW(root, key.c_str(), nullptr, RRF_RT_REG_SZ, nullptr, text, &bytes) != ERROR_SUCCESS)
         return "(none)";
     return Narrow(text);
 }
@@ -195,6 +197,12 @@ protected:
         EXPECT_EQ("Velmount.CopyMove", ApprovedValue()) << "the approved list is the machine's in both modes";
         EXPECT_EQ(library.Path(), TypeLibraryPath());
         EXPECT_TRUE(KeyExists(HKEY_CLASSES_ROOT, INTERFACE_KEY));
+#ifndef _WIN32 // Wine 8's RegisterTypeLibForUser registers for the whole machine.
+        // The merged view can't tell the roots apart: a per-user type library lies under the user's classes
+        // only.
+        EXPECT_EQ(library.Path(), TypeLibraryPath(perUser ? HKEY_CURRENT_USER : HKEY_LOCAL_MACHINE));
+        EXPECT_EQ("(none)", TypeLibraryPath(perUser ? HKEY_LOCAL_MACHINE : HKEY_CURRENT_USER));
+#endif
     }
 
     void ExpectUnregistered(bool perUser)
@@ -323,6 +331,51 @@ TEST_F(RegistrationTest, ARefusedApprovedListWritesNothing)
     EXPECT_EQ(Lines(), ScriptFootprint(HKEY_CURRENT_USER));
     EXPECT_EQ("(none)", TypeLibraryPath());
 }
+
+#ifndef _WIN32 // On Windows the debug output reaches only a debugger.
+// Each export writes its fixed line; DllRegisterServer's comes after the work, so a refusal writes none, and
+// DllInstall writes its own before the line of what it does.
+TEST_F(RegistrationTest, ExportsWriteTheirTraceLines)
+{
+    ProductCopy library("Velmount");
+    ASSERT_TRUE(library.Loaded());
+    const std::u16string PREFIX = u"Velmount Copy Extension : ";
+    const struct
+    {
+        const char* what;
+        std::function<HRESULT()> call;
+        HRESULT result;
+        std::vector<std::u16string> lines;
+    } rows[] = {
+        {"register", [&] { return library.Register(); }, S_OK, {PREFIX + u"DllRegisterServer"}},
+        {"unregister", [&] { return library.Unregister(); }, S_OK, {PREFIX + u"DllUnregisterServer"}},
+        {"install",
+         [&] { return library.Install(TRUE, nullptr); },
+         S_OK,
+         {PREFIX + u"DllInstall", PREFIX + u"DllRegisterServer"}},
+        {"uninstall",
+         [&] { return library.Install(FALSE, nullptr); },
+         S_OK,
+         {PREFIX + u"DllInstall", PREFIX + u"DllUnregisterServer"}},
+        {"refused register",
+         [&]
+         {
+             DeleteTree(HKEY_LOCAL_MACHINE, APPROVED);
+             return library.Register();
+         },
+         E_ACCESSDENIED,
+         {}},
+    };
+    for (const auto& row : rows)
+    {
+        SCOPED_TRACE(row.what);
+        VmHost::RecordDebugOutput(true);
+        EXPECT_EQ(row.result, row.call());
+        VmHost::RecordDebugOutput(false);
+        EXPECT_EQ(row.lines, VmHost::DebugOutput());
+    }
+}
+#endif
 
 TEST_F(RegistrationTest, APathOf260CharactersIsTooLong)
 {

@@ -14,6 +14,9 @@ struct SeenMessageBox
 {
     std::string caption; // UTF-8
     std::string text;    // UTF-8
+    // The host only: the owner and the flags as passed (the watcher on Windows sees only the window).
+    HWND owner = nullptr;
+    UINT type = 0;
 };
 
 class MessageBoxWatch

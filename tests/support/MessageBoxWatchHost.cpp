@@ -26,7 +26,8 @@ std::vector<SeenMessageBox> MessageBoxWatch::Seen() const
     std::vector<SeenMessageBox> seen;
     std::vector<VmHost::MessageBoxRecord> boxes = VmHost::MessageBoxes();
     for (size_t i = m_state->shownBefore; i < boxes.size(); ++i)
-        seen.push_back({Narrow(boxes[i].caption.c_str()), Narrow(boxes[i].text.c_str())});
+        seen.push_back(
+            {Narrow(boxes[i].caption.c_str()), Narrow(boxes[i].text.c_str()), boxes[i].owner, boxes[i].type});
     return seen;
 }
 } // namespace TestSupport

@@ -35,7 +35,7 @@ struct MessageBoxWatch::State
         WCHAR caption[512] = {}, text[2048] = {};
         GetWindowTextW(window, caption, 512);
         GetDlgItemTextW(window, 0xFFFF, text, 2048); // the message box's text control
-        state->seen.push_back({Narrow(caption), Narrow(text)});
+        state->seen.push_back({Narrow(caption), Narrow(text), nullptr, 0});
         int answer = state->answered.empty() && state->firstAnswer ? state->firstAnswer : IDOK;
         state->answered.insert(window);
         PostMessageW(window, WM_COMMAND, static_cast<WPARAM>(answer), 0);

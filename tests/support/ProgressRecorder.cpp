@@ -139,7 +139,7 @@ public:
         if (!status)
             return E_POINTER;
         *status = static_cast<PDOPSTATUS>(m_journal.status.load());
-        return S_OK;
+        return m_journal.statusResult.load();
     }
 
     // No real window: a handle no window has, so ShowWindow is asked and does nothing.

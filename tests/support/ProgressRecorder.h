@@ -23,6 +23,7 @@ public:
     void Clear();
 
     std::atomic<int> status{PDOPS_RUNNING};
+    std::atomic<HRESULT> statusResult{S_OK}; // what GetOperationStatus answers (it writes `status` anyway)
     std::atomic<int> statusQueries{0};
     std::atomic<long> liveDialogs{0};
     std::atomic<int> dialogsMade{0};
