@@ -5,14 +5,22 @@
 #include <atomic>
 #include <cstring>
 
-// The text lives right behind this header in one heap block. The shared empty text is a static instance
-// whose share count is never touched, so empty strings cost no allocation and no atomic operation.
+// The text lives right behind this header, in a heap block of its own or in a batch's block (`blockOffset`
+// bytes before the header; 0 for an own block). The shared empty text is a static instance whose share
+// count is never touched, so empty strings cost no allocation and no atomic operation.
 struct WideString::Data
 {
     std::atomic<long> shares;
     int length;
     int capacity;
+    unsigned blockOffset;
     WCHAR* Text() noexcept { return reinterpret_cast<WCHAR*>(this + 1); }
+};
+
+// A batch's block: the count of its texts still alive, then the texts, each behind its header.
+struct WideString::Batch::Block
+{
+    std::atomic<long> texts;
 };
 
 namespace
@@ -25,7 +33,10 @@ constexpr int kLargeCapacity = 0x40000000;
 constexpr int kLargeGrowth = 0x100000;
 } // namespace
 
-static WideString::Data* EmptyText() noexcept { return reinterpret_cast<WideString::Data*>(g_emptyStorage); }
+static WideString::Data* EmptyText() noexcept
+{
+    return reinterpret_cast<WideString::Data*>(g_emptyStorage);
+}
 
 namespace
 {
@@ -48,11 +59,28 @@ WideString::Data* Allocate(int capacity)
     new (&data->shares) std::atomic<long>(1);
     data->length = 0;
     data->capacity = capacity;
+    data->blockOffset = 0;
     data->Text()[0] = 0;
     return data;
 }
 
-bool IsEmptyText(const WideString::Data* data) { return data == EmptyText(); }
+void FreeData(WideString::Data* data) noexcept
+{
+    if (!data->blockOffset)
+    {
+        HeapFree(GetProcessHeap(), 0, data);
+        return;
+    }
+    auto* block = reinterpret_cast<WideString::Batch::Block*>(reinterpret_cast<unsigned char*>(data) -
+                                                              data->blockOffset);
+    if (block->texts.fetch_sub(1, std::memory_order_acq_rel) == 1)
+        HeapFree(GetProcessHeap(), 0, block);
+}
+
+bool IsEmptyText(const WideString::Data* data)
+{
+    return data == EmptyText();
+}
 } // namespace
 
 static_assert(sizeof(WideString::Data) + sizeof(WCHAR) <= sizeof(g_emptyStorage), "empty text fits");
@@ -78,11 +106,85 @@ int CompareText(LPCWSTR a, LPCWSTR b)
     return *a == *b ? 0 : (static_cast<unsigned>(*a) < static_cast<unsigned>(*b) ? -1 : 1);
 }
 
+namespace
+{
+// Blocks double from a page, so one path costs little and a hundred thousand cost a few dozen allocations;
+// a text too long for a quarter of the largest block gets a block of its own.
+constexpr size_t kFirstBlockBytes = 4096;
+constexpr size_t kLargestBlockBytes = 256 * 1024;
+
+constexpr size_t AlignedToData(size_t bytes)
+{
+    return (bytes + alignof(WideString::Data) - 1) / alignof(WideString::Data) * alignof(WideString::Data);
+}
+} // namespace
+
+WideString WideString::Batch::Make(const void* units, int length)
+{
+    if (length < 0 || (!units && length != 0))
+        AtlThrow(E_INVALIDARG);
+    if (length == 0)
+        return WideString();
+    const size_t bytes = AlignedToData(DataBytes(length));
+    Data* data;
+    if (bytes > kLargestBlockBytes / 4)
+        data = Allocate(length);
+    else
+    {
+        // A record is larger than its header, so a block holds fewer texts than it has headers' worth of
+        // bytes: the credits given to a new block never run out before its space does.
+        if (!m_block || m_size - m_used < bytes || m_credits < 2)
+        {
+            Leave();
+            const size_t size =
+                m_blockBytes ? (m_blockBytes * 2 < kLargestBlockBytes ? m_blockBytes * 2 : kLargestBlockBytes)
+                             : kFirstBlockBytes;
+            void* memory = HeapAlloc(GetProcessHeap(), 0, size);
+            if (!memory)
+                AtlThrow(E_OUTOFMEMORY);
+            m_blockBytes = size;
+            m_size = size;
+            m_used = AlignedToData(sizeof(Block));
+            m_credits = static_cast<long>(size / sizeof(Data)) + 1;
+            m_block = static_cast<Block*>(memory);
+            new (&m_block->texts) std::atomic<long>(m_credits);
+        }
+        data = reinterpret_cast<Data*>(reinterpret_cast<unsigned char*>(m_block) + m_used);
+        new (&data->shares) std::atomic<long>(1);
+        data->capacity = length;
+        data->blockOffset = static_cast<unsigned>(m_used);
+        m_used += bytes;
+        --m_credits;
+    }
+    std::memcpy(data->Text(), units, static_cast<size_t>(length) * sizeof(WCHAR));
+    data->length = length;
+    data->Text()[length] = 0;
+    return WideString(data);
+}
+
+// Gives back the credits no text took; the block goes when its texts are gone as well.
+void WideString::Batch::Leave() noexcept
+{
+    if (!m_block)
+        return;
+    if (m_block->texts.fetch_sub(m_credits, std::memory_order_acq_rel) == m_credits)
+        HeapFree(GetProcessHeap(), 0, m_block);
+    m_block = nullptr;
+    m_credits = 0;
+    m_used = m_size = 0;
+}
+
 WideString::WideString() noexcept : m_data(EmptyText()) {}
 
-WideString::WideString(LPCWSTR text) : m_data(EmptyText()) { SetText(text, TextLength(text)); }
+WideString::WideString(LPCWSTR text) : m_data(EmptyText())
+{
+    SetText(text, TextLength(text));
+}
 
-WideString::WideString(LPCWSTR text, int length) : m_data(EmptyText()) { SetText(text, length); }
+WideString::WideString(LPCWSTR text, int length) : m_data(EmptyText())
+{
+    SetText(text, length);
+}
 
 WideString::WideString(const WideString& other) noexcept : m_data(other.m_data)
 {
@@ -90,9 +192,15 @@ WideString::WideString(const WideString& other) noexcept : m_data(other.m_data)
         m_data->shares.fetch_add(1, std::memory_order_relaxed);
 }
 
-WideString::WideString(WideString&& other) noexcept : m_data(other.m_data) { other.m_data = EmptyText(); }
+WideString::WideString(WideString&& other) noexcept : m_data(other.m_data)
+{
+    other.m_data = EmptyText();
+}
 
-WideString::~WideString() { Release(); }
+WideString::~WideString()
+{
+    Release();
+}
 
 void WideString::Release() noexcept
 {
@@ -100,7 +208,7 @@ void WideString::Release() noexcept
     // thousands of paths going away.
     if (!IsEmptyText(m_data) && (m_data->shares.load(std::memory_order_acquire) == 1 ||
                                  m_data->shares.fetch_sub(1, std::memory_order_acq_rel) == 1))
-        HeapFree(GetProcessHeap(), 0, m_data);
+        FreeData(m_data);
     m_data = EmptyText();
 }
 
@@ -134,14 +242,26 @@ WideString& WideString::operator=(LPCWSTR text)
     return *this;
 }
 
-int WideString::GetLength() const noexcept { return m_data->length; }
-LPCWSTR WideString::GetString() const noexcept { return m_data->Text(); }
+int WideString::GetLength() const noexcept
+{
+    return m_data->length;
+}
+LPCWSTR WideString::GetString() const noexcept
+{
+    return m_data->Text();
+}
 long WideString::GetShareCount() const noexcept
 {
     return IsEmptyText(m_data) ? 0 : m_data->shares.load(std::memory_order_relaxed);
 }
-int WideString::GetCapacity() const noexcept { return m_data->capacity; }
-void WideString::Empty() noexcept { Release(); }
+int WideString::GetCapacity() const noexcept
+{
+    return m_data->capacity;
+}
+void WideString::Empty() noexcept
+{
+    Release();
+}
 
 void WideString::SetLengthUnchecked(int length) noexcept
 {
@@ -162,7 +282,8 @@ WCHAR* WideString::PrepareWrite(int length)
     {
         // Grow by half (or by a fixed step for huge texts) so repeated appends stay linear.
         int current = m_data->capacity;
-        long long grown = static_cast<long long>(current) + (current > kLargeCapacity ? kLargeGrowth : current / 2);
+        long long grown =
+            static_cast<long long>(current) + (current > kLargeCapacity ? kLargeGrowth : current / 2);
         if (grown > capacity)
             capacity = grown > kMaxCapacity ? kMaxCapacity : static_cast<int>(grown);
     }
@@ -194,14 +315,16 @@ void WideString::SetText(LPCWSTR text, int length)
         bool privateBuffer = !IsEmptyText(m_data) && m_data->shares.load(std::memory_order_acquire) == 1;
         if (privateBuffer)
         {
-            std::memmove(m_data->Text(), m_data->Text() + offset, static_cast<size_t>(length) * sizeof(WCHAR));
+            std::memmove(m_data->Text(), m_data->Text() + offset,
+                         static_cast<size_t>(length) * sizeof(WCHAR));
             SetLengthUnchecked(length);
             return;
         }
         // Shared: keep our reference to the old text alive while copying out of it.
         WideString keepAlive(*this);
         Data* fresh = Allocate(length);
-        std::memcpy(fresh->Text(), keepAlive.m_data->Text() + offset, static_cast<size_t>(length) * sizeof(WCHAR));
+        std::memcpy(fresh->Text(), keepAlive.m_data->Text() + offset,
+                    static_cast<size_t>(length) * sizeof(WCHAR));
         Release();
         m_data = fresh;
         SetLengthUnchecked(length);
@@ -226,7 +349,10 @@ void WideString::Append(const WideString& other)
     Append(source.GetString(), source.GetLength());
 }
 
-void WideString::Append(LPCWSTR text) { Append(text, TextLength(text)); }
+void WideString::Append(LPCWSTR text)
+{
+    Append(text, TextLength(text));
+}
 
 void WideString::Append(LPCWSTR text, int length)
 {
@@ -300,7 +426,8 @@ WideString WideString::Tokenize(LPCWSTR delimiters, int& position) const
     const WCHAR* text = GetString();
     if (position < length)
     {
-        auto isDelimiter = [delimiters](WCHAR c) {
+        auto isDelimiter = [delimiters](WCHAR c)
+        {
             for (const WCHAR* d = delimiters; d && *d; ++d)
                 if (*d == c)
                     return true;
@@ -345,7 +472,10 @@ void WideString::ReleaseBuffer(int newLength)
     SetLengthUnchecked(newLength);
 }
 
-int WideString::Compare(LPCWSTR text) const { return CompareText(GetString(), text); }
+int WideString::Compare(LPCWSTR text) const
+{
+    return CompareText(GetString(), text);
+}
 
 namespace
 {
@@ -355,12 +485,14 @@ namespace
 long long FormatPass(LPCWSTR pattern, va_list arguments, WCHAR* out)
 {
     long long written = 0;
-    auto put = [&](WCHAR c) {
+    auto put = [&](WCHAR c)
+    {
         if (out)
             out[written] = c;
         ++written;
     };
-    auto putNumber = [&](unsigned long long value, unsigned base, bool negative) {
+    auto putNumber = [&](unsigned long long value, unsigned base, bool negative)
+    {
         WCHAR digits[24];
         int count = 0;
         do
@@ -386,7 +518,8 @@ long long FormatPass(LPCWSTR pattern, va_list arguments, WCHAR* out)
         case u'%':
             put(u'%');
             break;
-        case u's': {
+        case u's':
+        {
             const WCHAR* text = va_arg(arguments, const WCHAR*);
             if (!text)
                 text = TEXT("(null)");
@@ -394,7 +527,8 @@ long long FormatPass(LPCWSTR pattern, va_list arguments, WCHAR* out)
                 put(*text++);
             break;
         }
-        case u'd': {
+        case u'd':
+        {
             int value = va_arg(arguments, int);
             putNumber(value < 0 ? 0ull - static_cast<unsigned long long>(static_cast<long long>(value))
                                 : static_cast<unsigned long long>(value),

@@ -72,6 +72,34 @@ public:
     // The shared buffer's header; opaque outside WideString.cpp.
     struct Data;
 
+    // Makes many short strings with one heap allocation for dozens of texts instead of one each: a selection
+    // of thousands of paths otherwise spends more in the heap than in reading them. The strings are ordinary
+    // in every other way (shared, written, released on any thread); a block goes back to the heap with the
+    // last of its texts, however long the batch itself lives.
+    class Batch
+    {
+    public:
+        Batch() noexcept = default;
+        ~Batch() { Leave(); }
+        Batch(const Batch&) = delete;
+        Batch& operator=(const Batch&) = delete;
+
+        // A string of the `length` UTF-16 units at `units`, which may lie at any byte address.
+        WideString Make(const void* units, int length);
+
+        // Opaque outside WideString.cpp.
+        struct Block;
+
+    private:
+        void Leave() noexcept;
+
+        Block* m_block = nullptr;
+        size_t m_used = 0;
+        size_t m_size = 0;
+        size_t m_blockBytes = 0;
+        long m_credits = 0; // texts the current block may still take; its count holds them in advance
+    };
+
 private:
     explicit WideString(Data* data) noexcept : m_data(data) {}
     void Release() noexcept;
