@@ -1,8 +1,8 @@
 #include "extension/DropFiles.h"
 #include "extension/CopyMoveExtension.h"
+#include "foundation/UnitSearch.h"
 
 #include <cstddef>
-#include <cstdint>
 #include <cstring>
 #include <utility>
 
@@ -34,43 +34,12 @@ private:
     bool m_kept = false;
 };
 
-// pFiles is the sender's to choose, so a name may start on an odd byte: units are copied, never dereferenced.
-WCHAR UnitAt(const BYTE* at) noexcept
-{
-    WCHAR unit;
-    std::memcpy(&unit, at, sizeof(unit));
-    return unit;
-}
-
-// Where the name at `at` ends: its closing zero unit, or null when the block ends first. Four units are
-// tested at a time (a zero unit borrows into its top bit; the lowest flagged unit is the first zero), which
-// is what keeps reading a selection of 100,000 paths near the cost of merely walking it.
-const BYTE* FindNameEnd(const BYTE* at, const BYTE* end) noexcept
-{
-    static_assert(__BYTE_ORDER__ == __ORDER_LITTLE_ENDIAN__, "units are tested in memory order");
-    constexpr std::uint64_t kLowBits = 0x0001000100010001ull;
-    constexpr std::uint64_t kHighBits = 0x8000800080008000ull;
-    while (end - at >= static_cast<ptrdiff_t>(sizeof(std::uint64_t)))
-    {
-        std::uint64_t word;
-        std::memcpy(&word, at, sizeof(word));
-        const std::uint64_t zeros = (word - kLowBits) & ~word & kHighBits;
-        if (zeros)
-            return at + __builtin_ctzll(zeros) / 16 * sizeof(WCHAR);
-        at += sizeof(word);
-    }
-    for (; end - at >= static_cast<ptrdiff_t>(sizeof(WCHAR)); at += sizeof(WCHAR))
-        if (UnitAt(at) == 0)
-            return at;
-    return nullptr;
-}
-
 bool ReadWideNames(const BYTE* at, const BYTE* end, NodeList<WideString>& paths)
 {
     WideString::Batch texts;
     for (;;)
     {
-        const BYTE* nameEnd = FindNameEnd(at, end);
+        const BYTE* nameEnd = FindUnit(at, end, 0);
         if (!nameEnd)
             return false;
         const ptrdiff_t units = (nameEnd - at) / static_cast<ptrdiff_t>(sizeof(WCHAR));

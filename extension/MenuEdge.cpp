@@ -3,6 +3,7 @@
 #include "extension/Chooser.h"
 #include "extension/CopyMoveExtension.h"
 #include "extension/MenuPlan.h"
+#include "foundation/UnitSearch.h"
 
 #include <cstring>
 
@@ -17,12 +18,18 @@ const UINT SHELL_MOVE_COMMAND = 2;
 class CheckedFolder
 {
 public:
+    // The path's last backslash is where the remembered folder ends.
     bool Holds(const WideString& path) const noexcept
     {
-        const int length = FolderLength(path);
-        return m_set && length >= 0 && length == m_folder.GetLength() &&
-               std::memcmp(path.GetString(), m_folder.GetString(),
-                           static_cast<size_t>(length) * sizeof(WCHAR)) == 0;
+        const int folder = m_folder.GetLength();
+        if (!m_set || path.GetLength() <= folder)
+            return false;
+        const WCHAR* text = path.GetString();
+        if (text[folder] != TEXT('\\') ||
+            std::memcmp(text, m_folder.GetString(), static_cast<size_t>(folder) * sizeof(WCHAR)) != 0)
+            return false;
+        return !FindUnit(reinterpret_cast<const BYTE*>(text + folder + 1),
+                         reinterpret_cast<const BYTE*>(text + path.GetLength()), TEXT('\\'));
     }
     void Remember(const WideString& path)
     {

@@ -111,8 +111,25 @@ bool Translate(LPCWSTR windowsPath, std::string& host, bool& lastMissing)
         }
         at = end + 1;
     }
+    // Mostly the path, or all of it but its name (a file yet to be made), is spelt as it is on disk: one or
+    // two lookups then, instead of one per folder on the way.
     host = root;
-    for (size_t i = 0; i < parts.size(); ++i)
+    for (size_t i = 0; i + 1 < parts.size(); ++i)
+        host += "/" + parts[i];
+    size_t first = 0;
+    if (!parts.empty())
+    {
+        if (Exists(host + "/" + parts.back()))
+        {
+            host += "/" + parts.back();
+            return true;
+        }
+        if (Exists(host))
+            first = parts.size() - 1;
+        else
+            host = root;
+    }
+    for (size_t i = first; i < parts.size(); ++i)
     {
         std::string exact = host + "/" + parts[i];
         if (!Exists(exact))

@@ -1,6 +1,7 @@
 // Marker files read from a real (temporary) drive, and the cache that keeps one record per folder.
 #include "extension/CopyMoveExtension.h"
 #include "tests/support/ManagedDrive.h"
+#include "tests/support/ProgressRecorder.h"
 #include "tests/support/TestComObject.h"
 
 #include <gtest/gtest.h>
@@ -11,6 +12,7 @@
 #include <vector>
 
 using TestSupport::ManagedDrive;
+using TestSupport::Narrow;
 using TestSupport::TestComObject;
 
 namespace
@@ -311,6 +313,42 @@ TEST_F(DriveMarkerRead, ItemsOfOneFolderShareOneEntryWhateverTheirCase)
     EXPECT_EQ(first, second);
     EXPECT_TRUE(m_object->IsOnSameDrive(TEXT("V:\\Data\\c.txt"), first));
     EXPECT_EQ(m_object->m_driveCache.GetCount(), 1u);
+}
+
+// Markers are found whatever the case of the folder's path, as on any drive of the system; a folder
+// missing on the way is another error than a missing name.
+TEST_F(DriveMarkerRead, NamesAreFoundWhateverTheirCase)
+{
+    const BYTE one = 1;
+    m_drive.WriteFile(TEXT("Deep\\Sub\\Name.txt"), &one, 1);
+    const struct
+    {
+        LPCWSTR path;
+        DWORD attributes; // 0: a file
+        DWORD error;
+    } kPaths[] = {
+        {TEXT("Deep\\Sub\\Name.txt"), 0, 0},
+        {TEXT("Deep\\Sub\\name.TXT"), 0, 0},
+        {TEXT("DEEP\\Sub\\Name.txt"), 0, 0},
+        {TEXT("deep\\sub"), FILE_ATTRIBUTE_DIRECTORY, 0},
+        {TEXT("Deep\\Sub\\Other.txt"), INVALID_FILE_ATTRIBUTES, ERROR_FILE_NOT_FOUND},
+        {TEXT("deep\\Gone\\Name.txt"), INVALID_FILE_ATTRIBUTES, ERROR_PATH_NOT_FOUND},
+    };
+    for (const auto& item : kPaths)
+    {
+        SetLastError(0);
+        const DWORD attributes = GetFileAttributesW(m_drive.Path(item.path));
+        if (item.attributes == INVALID_FILE_ATTRIBUTES)
+        {
+            EXPECT_EQ(INVALID_FILE_ATTRIBUTES, attributes) << Narrow(item.path);
+            EXPECT_EQ(item.error, GetLastError()) << Narrow(item.path);
+        }
+        else
+        {
+            ASSERT_NE(INVALID_FILE_ATTRIBUTES, attributes) << Narrow(item.path);
+            EXPECT_EQ(item.attributes, attributes & FILE_ATTRIBUTE_DIRECTORY) << Narrow(item.path);
+        }
+    }
 }
 
 TEST_F(DriveMarkerRead, ForeignKeyIsAnotherDriveAndLeavesTheCacheAlone)

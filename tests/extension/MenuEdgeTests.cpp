@@ -559,15 +559,23 @@ TEST_F(MenuEdge, ValidateSelection)
     object = std::make_unique<HeldExtension>();
     object->m_selectedFiles.AddTail(drive.Path(TEXT("src\\a.txt")));
     EXPECT_EQ(object->ValidateSelection(), E_INVALIDARG);
-    // Items: siblings are answered as their first, a folder whose name only starts the same is not a sibling.
-    for (LPCWSTR last : {TEXT("src\\c.txt"), TEXT("srcplain\\c.txt"), TEXT("c.txt")})
+    // Items: siblings are answered as their first; a folder whose name only starts the same, or one below
+    // theirs, is not a sibling.
+    const struct
+    {
+        LPCWSTR last;
+        HRESULT expected;
+    } kLastItems[] = {{TEXT("src\\c.txt"), S_OK},
+                      {TEXT("srcplain\\c.txt"), E_INVALIDARG},
+                      {TEXT("src\\deep\\c.txt"), E_INVALIDARG},
+                      {TEXT("c.txt"), E_INVALIDARG}};
+    for (const auto& item : kLastItems)
     {
         object = std::make_unique<HeldExtension>();
         object->m_itemContext = 1;
-        for (LPCWSTR item : {TEXT("src\\a.txt"), TEXT("src\\b.txt"), last})
-            object->m_selectedFiles.AddTail(drive.Path(item));
-        const bool sibling = last[0] == TEXT('s') && last[3] == TEXT('\\');
-        EXPECT_EQ(object->ValidateSelection(), sibling ? S_OK : E_INVALIDARG) << Narrow(last);
+        for (LPCWSTR path : {TEXT("src\\a.txt"), TEXT("src\\b.txt"), item.last})
+            object->m_selectedFiles.AddTail(drive.Path(path));
+        EXPECT_EQ(object->ValidateSelection(), item.expected) << Narrow(item.last);
     }
 }
 
