@@ -1,3 +1,6 @@
 #include "foundation/AtlException.h"
 
-void AtlThrow(HRESULT hr) { throw CAtlException(hr); }
+void AtlThrow(HRESULT hr)
+{
+    throw CAtlException(hr);
+}

@@ -196,7 +196,10 @@ private:
         m_lowThreshold = BinMapLowThreshold(bins, m_lowLoad);
     }
 
-    static POSITION ToPosition(const Node* node) noexcept { return reinterpret_cast<POSITION>(const_cast<Node*>(node)); }
+    static POSITION ToPosition(const Node* node) noexcept
+    {
+        return reinterpret_cast<POSITION>(const_cast<Node*>(node));
+    }
     static Node* FromPosition(POSITION position) noexcept { return reinterpret_cast<Node*>(position); }
 
     Node** m_bins = nullptr;

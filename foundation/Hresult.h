@@ -10,4 +10,7 @@ inline HRESULT HresultFromWin32(LONG error)
                       : static_cast<HRESULT>((static_cast<DWORD>(error) & 0xFFFFu) | 0x80070000u);
 }
 
-inline HRESULT HresultFromLastError() { return HresultFromWin32(static_cast<LONG>(GetLastError())); }
+inline HRESULT HresultFromLastError()
+{
+    return HresultFromWin32(static_cast<LONG>(GetLastError()));
+}

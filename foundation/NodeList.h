@@ -82,8 +82,7 @@ public:
 private:
     struct Node
     {
-        template <typename V>
-        Node(V&& v, Node* p, Node* n) : value(std::forward<V>(v)), previous(p), next(n)
+        template <typename V> Node(V&& v, Node* p, Node* n) : value(std::forward<V>(v)), previous(p), next(n)
         {
         }
         T value;

@@ -1,5 +1,6 @@
-// Finding one UTF-16 unit in a run of bytes, four units per step: the readers of long path lists (a
-// selection of 100,000 files) would otherwise spend most of their time testing units one by one.
+// Finding one UTF-16 unit in a run of bytes and comparing runs of units, four units per step: the readers of
+// long path lists (a selection of 100,000 files) would otherwise spend most of their time on units one by
+// one, or in a C runtime's memcmp that compares byte by byte.
 #pragma once
 
 #include "platform/Win32.h"
@@ -36,4 +37,21 @@ inline const BYTE* FindUnit(const BYTE* at, const BYTE* end, WCHAR unit) noexcep
             return at;
     }
     return nullptr;
+}
+
+// Whether the `count` units at `a` and `b` are the same.
+inline bool SameUnits(const WCHAR* a, const WCHAR* b, size_t count) noexcept
+{
+    for (; count >= 4; a += 4, b += 4, count -= 4)
+    {
+        std::uint64_t left, right;
+        std::memcpy(&left, a, sizeof(left));
+        std::memcpy(&right, b, sizeof(right));
+        if (left != right)
+            return false;
+    }
+    for (; count; ++a, ++b, --count)
+        if (*a != *b)
+            return false;
+    return true;
 }

@@ -5,27 +5,17 @@
 #include <atomic>
 #include <cstring>
 
-// The text lives right behind this header, in a heap block of its own or in a batch's block (`blockOffset`
-// bytes before the header; 0 for an own block). The shared empty text is a static instance whose share
-// count is never touched, so empty strings cost no allocation and no atomic operation.
-struct WideString::Data
-{
-    std::atomic<long> shares;
-    int length;
-    int capacity;
-    unsigned blockOffset;
-    WCHAR* Text() noexcept { return reinterpret_cast<WCHAR*>(this + 1); }
-};
-
-// A batch's block: the count of its texts still alive, then the texts, each behind its header.
+// A batch's block: the count of its texts still alive and its size, then the texts, each behind its header.
 struct WideString::Batch::Block
 {
     std::atomic<long> texts;
+    size_t bytes;
 };
 
 namespace
 {
-// The process-wide empty text: a zeroed header plus its terminator.
+// The process-wide empty text: a zeroed header plus its terminator. Its share count is never touched, so
+// empty strings cost no allocation and no atomic operation.
 alignas(16) unsigned char g_emptyStorage[32] = {};
 
 constexpr int kMaxCapacity = 0x3FFFFFFE; // (capacity + 1) * 2 bytes must stay within a signed 32-bit size
@@ -64,6 +54,56 @@ WideString::Data* Allocate(int capacity)
     return data;
 }
 
+// Blocks double from a page, so one path costs little and a hundred thousand cost a few dozen allocations;
+// a text too long for a quarter of the largest block gets a block of its own.
+constexpr size_t kFirstBlockBytes = 4096;
+constexpr size_t kLargestBlockBytes = 256 * 1024;
+
+// A few blocks of the largest size are kept for the next batch instead of going back to the heap. Given back
+// a selection's worth at once, the heap returned their pages to the system and the next right-click took
+// them again page fault by page fault: under Wine most of a 10,000-file menu's time. Four blocks (1 MB)
+// cover such a menu; what a larger one frees beyond them goes back to the heap.
+class SpareBlocks
+{
+public:
+    constexpr SpareBlocks() noexcept = default;
+    SpareBlocks(const SpareBlocks&) = delete;
+    SpareBlocks& operator=(const SpareBlocks&) = delete;
+    // The library may be unloaded with blocks kept.
+    ~SpareBlocks()
+    {
+        for (std::atomic<void*>& slot : m_slots)
+            if (void* block = slot.exchange(nullptr))
+                HeapFree(GetProcessHeap(), 0, block);
+    }
+
+    void* Take(size_t bytes) noexcept
+    {
+        if (bytes == kLargestBlockBytes)
+            for (std::atomic<void*>& slot : m_slots)
+                if (void* block = slot.exchange(nullptr, std::memory_order_acquire))
+                    return block;
+        return HeapAlloc(GetProcessHeap(), 0, bytes);
+    }
+
+    void Give(void* block, size_t bytes) noexcept
+    {
+        if (bytes == kLargestBlockBytes)
+            for (std::atomic<void*>& slot : m_slots)
+            {
+                void* empty = nullptr;
+                if (slot.compare_exchange_strong(empty, block, std::memory_order_release))
+                    return;
+            }
+        HeapFree(GetProcessHeap(), 0, block);
+    }
+
+private:
+    std::atomic<void*> m_slots[4] = {};
+};
+
+SpareBlocks g_spareBlocks;
+
 void FreeData(WideString::Data* data) noexcept
 {
     if (!data->blockOffset)
@@ -74,7 +114,7 @@ void FreeData(WideString::Data* data) noexcept
     auto* block = reinterpret_cast<WideString::Batch::Block*>(reinterpret_cast<unsigned char*>(data) -
                                                               data->blockOffset);
     if (block->texts.fetch_sub(1, std::memory_order_acq_rel) == 1)
-        HeapFree(GetProcessHeap(), 0, block);
+        g_spareBlocks.Give(block, block->bytes);
 }
 
 bool IsEmptyText(const WideString::Data* data)
@@ -108,11 +148,6 @@ int CompareText(LPCWSTR a, LPCWSTR b)
 
 namespace
 {
-// Blocks double from a page, so one path costs little and a hundred thousand cost a few dozen allocations;
-// a text too long for a quarter of the largest block gets a block of its own.
-constexpr size_t kFirstBlockBytes = 4096;
-constexpr size_t kLargestBlockBytes = 256 * 1024;
-
 constexpr size_t AlignedToData(size_t bytes)
 {
     return (bytes + alignof(WideString::Data) - 1) / alignof(WideString::Data) * alignof(WideString::Data);
@@ -139,7 +174,7 @@ WideString WideString::Batch::Make(const void* units, int length)
             const size_t size =
                 m_blockBytes ? (m_blockBytes * 2 < kLargestBlockBytes ? m_blockBytes * 2 : kLargestBlockBytes)
                              : kFirstBlockBytes;
-            void* memory = HeapAlloc(GetProcessHeap(), 0, size);
+            void* memory = g_spareBlocks.Take(size);
             if (!memory)
                 AtlThrow(E_OUTOFMEMORY);
             m_blockBytes = size;
@@ -148,6 +183,7 @@ WideString WideString::Batch::Make(const void* units, int length)
             m_credits = static_cast<long>(size / sizeof(Data)) + 1;
             m_block = static_cast<Block*>(memory);
             new (&m_block->texts) std::atomic<long>(m_credits);
+            m_block->bytes = size;
         }
         data = reinterpret_cast<Data*>(reinterpret_cast<unsigned char*>(m_block) + m_used);
         new (&data->shares) std::atomic<long>(1);
@@ -168,7 +204,7 @@ void WideString::Batch::Leave() noexcept
     if (!m_block)
         return;
     if (m_block->texts.fetch_sub(m_credits, std::memory_order_acq_rel) == m_credits)
-        HeapFree(GetProcessHeap(), 0, m_block);
+        g_spareBlocks.Give(m_block, m_block->bytes);
     m_block = nullptr;
     m_credits = 0;
     m_used = m_size = 0;
@@ -242,14 +278,6 @@ WideString& WideString::operator=(LPCWSTR text)
     return *this;
 }
 
-int WideString::GetLength() const noexcept
-{
-    return m_data->length;
-}
-LPCWSTR WideString::GetString() const noexcept
-{
-    return m_data->Text();
-}
 long WideString::GetShareCount() const noexcept
 {
     return IsEmptyText(m_data) ? 0 : m_data->shares.load(std::memory_order_relaxed);

@@ -6,6 +6,7 @@
 #include "foundation/AtlException.h"
 #include "platform/Win32.h"
 
+#include <atomic>
 #include <cstdarg>
 
 class WideString
@@ -38,10 +39,10 @@ public:
         return *this;
     }
 
-    int GetLength() const noexcept;
+    int GetLength() const noexcept { return m_data->length; }
     bool IsEmpty() const noexcept { return GetLength() == 0; }
     void Empty() noexcept;
-    LPCWSTR GetString() const noexcept;
+    LPCWSTR GetString() const noexcept { return m_data->Text(); }
     operator LPCWSTR() const noexcept { return GetString(); }
     WCHAR operator[](int index) const noexcept { return GetString()[index]; }
 
@@ -69,8 +70,17 @@ public:
     long GetShareCount() const noexcept;
     int GetCapacity() const noexcept;
 
-    // The shared buffer's header; opaque outside WideString.cpp.
-    struct Data;
+    // The text lives right behind this header, in a heap block of its own or in a batch's block
+    // (`blockOffset` bytes before the header; 0 for an own block). Only WideString.cpp writes it; it is
+    // here so that reading a length or the text costs no call.
+    struct Data
+    {
+        std::atomic<long> shares;
+        int length;
+        int capacity;
+        unsigned blockOffset;
+        WCHAR* Text() noexcept { return reinterpret_cast<WCHAR*>(this + 1); }
+    };
 
     // Makes many short strings with one heap allocation for dozens of texts instead of one each: a selection
     // of thousands of paths otherwise spends more in the heap than in reading them. The strings are ordinary
