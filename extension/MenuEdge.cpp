@@ -5,8 +5,6 @@
 #include "extension/MenuPlan.h"
 #include "foundation/UnitSearch.h"
 
-#include <cstring>
-
 namespace
 {
 const UINT SHELL_COPY_COMMAND = 1;
@@ -25,8 +23,7 @@ public:
         if (!m_set || path.GetLength() <= folder)
             return false;
         const WCHAR* text = path.GetString();
-        if (text[folder] != TEXT('\\') ||
-            std::memcmp(text, m_folder.GetString(), static_cast<size_t>(folder) * sizeof(WCHAR)) != 0)
+        if (text[folder] != TEXT('\\') || !SameUnits(text, m_folder.GetString(), static_cast<size_t>(folder)))
             return false;
         return !FindUnit(reinterpret_cast<const BYTE*>(text + folder + 1),
                          reinterpret_cast<const BYTE*>(text + path.GetLength()), TEXT('\\'));
