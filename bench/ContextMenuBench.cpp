@@ -2,9 +2,9 @@
 // Initialize with the CF_HDROP data, QueryContextMenu on the shell's menu, the object released. The marker
 // lies on the stand-in's drive V and is read by every new object, as it is on the first right-click.
 #include "bench/Baseline.h"
+#include "bench/OneMenu.h"
 #include "extension/CopyMoveExtension.h"
 #include "tests/support/ManagedDrive.h"
-#include "tests/support/TestComObject.h"
 #include "tests/support/World.h"
 
 #include <chrono>
@@ -12,7 +12,7 @@
 
 namespace
 {
-typedef TestSupport::TestComObject<CVelmountCopyMoveExtension> Extension;
+using BenchSupport::OneMenu;
 
 struct MenuWorld
 {
@@ -42,30 +42,6 @@ struct MenuWorld
         return paths;
     }
 };
-
-// The file manager's items menu: its copy and move commands among the usual entries.
-HMENU ShellMenu()
-{
-    HMENU menu = CreatePopupMenu();
-    AppendMenuW(menu, MF_STRING, 30, TEXT("Open"));
-    AppendMenuW(menu, MF_SEPARATOR, 0, nullptr);
-    AppendMenuW(menu, MF_STRING, 1, TEXT("Copy"));
-    AppendMenuW(menu, MF_STRING, 2, TEXT("Move"));
-    return menu;
-}
-
-// One menu, start to end; the number of entries the extension added.
-HRESULT OneMenu(IDataObject* data)
-{
-    Extension* object = Extension::Create();
-    HMENU menu = ShellMenu();
-    HRESULT result = object->Initialize(nullptr, data, nullptr);
-    if (SUCCEEDED(result))
-        result = object->QueryContextMenu(menu, 4, 100, 0x7FFF, CMF_NORMAL);
-    object->Release();
-    DestroyMenu(menu);
-    return result;
-}
 
 // Takes the CF_HDROP medium as any reader must, and gives the locked block to `read`.
 template <typename Read> UINT WithDropFiles(IDataObject* data, Read&& read)
