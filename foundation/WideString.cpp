@@ -14,19 +14,14 @@ struct WideString::Batch::Block
 
 namespace
 {
-// The process-wide empty text: a zeroed header plus its terminator. Its share count is never touched, so
-// empty strings cost no allocation and no atomic operation.
-alignas(16) unsigned char g_emptyStorage[32] = {};
-
 constexpr int kMaxCapacity = 0x3FFFFFFE; // (capacity + 1) * 2 bytes must stay within a signed 32-bit size
 constexpr int kLargeCapacity = 0x40000000;
 constexpr int kLargeGrowth = 0x100000;
 } // namespace
 
-static WideString::Data* EmptyText() noexcept
-{
-    return reinterpret_cast<WideString::Data*>(g_emptyStorage);
-}
+// The process-wide empty text: a zeroed header plus its terminator. Its share count is never touched, so
+// empty strings cost no allocation and no atomic operation.
+alignas(16) unsigned char WideString::s_emptyText[32] = {};
 
 namespace
 {
@@ -119,11 +114,11 @@ void FreeData(WideString::Data* data) noexcept
 
 bool IsEmptyText(const WideString::Data* data)
 {
-    return data == EmptyText();
+    return data == WideString::EmptyText();
 }
 } // namespace
 
-static_assert(sizeof(WideString::Data) + sizeof(WCHAR) <= sizeof(g_emptyStorage), "empty text fits");
+static_assert(sizeof(WideString::Data) + sizeof(WCHAR) <= sizeof(WideString::s_emptyText), "empty text fits");
 
 int TextLength(LPCWSTR text)
 {
@@ -210,8 +205,6 @@ void WideString::Batch::Leave() noexcept
     m_used = m_size = 0;
 }
 
-WideString::WideString() noexcept : m_data(EmptyText()) {}
-
 WideString::WideString(LPCWSTR text) : m_data(EmptyText())
 {
     SetText(text, TextLength(text));
@@ -226,16 +219,6 @@ WideString::WideString(const WideString& other) noexcept : m_data(other.m_data)
 {
     if (!IsEmptyText(m_data))
         m_data->shares.fetch_add(1, std::memory_order_relaxed);
-}
-
-WideString::WideString(WideString&& other) noexcept : m_data(other.m_data)
-{
-    other.m_data = EmptyText();
-}
-
-WideString::~WideString()
-{
-    Release();
 }
 
 void WideString::Release() noexcept

@@ -12,12 +12,17 @@
 class WideString
 {
 public:
-    WideString() noexcept;
+    WideString() noexcept : m_data(EmptyText()) {}
     WideString(LPCWSTR text); // NOLINT: implicit, as plain text converts freely in the system's code
     WideString(LPCWSTR text, int length);
     WideString(const WideString& other) noexcept;
-    WideString(WideString&& other) noexcept;
-    ~WideString();
+    WideString(WideString&& other) noexcept : m_data(other.m_data) { other.m_data = EmptyText(); }
+    // Inline, so that the strings a list moves in and the emptied ones it leaves behind cost no call.
+    ~WideString()
+    {
+        if (m_data != EmptyText())
+            Release();
+    }
 
     WideString& operator=(const WideString& other) noexcept;
     WideString& operator=(WideString&& other) noexcept;
@@ -81,6 +86,10 @@ public:
         unsigned blockOffset;
         WCHAR* Text() noexcept { return reinterpret_cast<WCHAR*>(this + 1); }
     };
+
+    // The one empty text all empty strings share.
+    static Data* EmptyText() noexcept { return reinterpret_cast<Data*>(s_emptyText); }
+    alignas(16) static unsigned char s_emptyText[32];
 
     // Makes many short strings with one heap allocation for dozens of texts instead of one each: a selection
     // of thousands of paths otherwise spends more in the heap than in reading them. The strings are ordinary
