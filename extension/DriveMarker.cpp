@@ -80,15 +80,19 @@ DriveInfo* ParseDriveMarker(LPCWSTR folderPath, WideString markerText)
     return record.release();
 }
 
+int LastBackslash(const WideString& path) noexcept
+{
+    const WCHAR* text = path.GetString();
+    for (int i = path.GetLength(); i-- > 0;)
+        if (text[i] == TEXT('\\'))
+            return i;
+    return -1;
+}
+
 WideString FolderOfPath(LPCWSTR path)
 {
     WideString folder(path);
-    int lastBackslash = -1;
-    for (int i = 0; i < folder.GetLength(); ++i)
-    {
-        if (folder[i] == TEXT('\\'))
-            lastBackslash = i;
-    }
+    const int lastBackslash = LastBackslash(folder);
     if (lastBackslash < 0)
         AtlThrow(E_INVALIDARG);
     return folder.Left(lastBackslash);

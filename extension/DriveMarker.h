@@ -36,3 +36,5 @@ DriveInfo* ParseDriveMarker(LPCWSTR folderPath, WideString markerText);
 // The path up to, not including, its last backslash, in the same case. Raises E_INVALIDARG for a path
 // without a backslash.
 WideString FolderOfPath(LPCWSTR path);
+// Where FolderOfPath cuts: the index of the last backslash, -1 without one.
+int LastBackslash(const WideString& path) noexcept;

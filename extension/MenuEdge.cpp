@@ -30,22 +30,12 @@ public:
     }
     void Remember(const WideString& path)
     {
-        const int length = FolderLength(path);
+        const int length = LastBackslash(path);
         m_set = length >= 0;
         m_folder = m_set ? path.Left(length) : WideString();
     }
 
 private:
-    // Where FolderOfPath cuts: at the last backslash; -1 without one.
-    static int FolderLength(const WideString& path) noexcept
-    {
-        const WCHAR* text = path.GetString();
-        for (int i = path.GetLength(); i-- > 0;)
-            if (text[i] == TEXT('\\'))
-                return i;
-        return -1;
-    }
-
     WideString m_folder;
     bool m_set = false;
 };
