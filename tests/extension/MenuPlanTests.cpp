@@ -194,10 +194,9 @@ TEST(BuildMenuPlan, DefaultItemTable)
         request.target.ci = request.target.mi = 1;
         request.target.defaultAction = row.defaultAction;
         MenuPlan plan = BuildMenuPlan(request, row.defaultChoice, row.mayPrompt);
-        SCOPED_TRACE("mayPrompt " + std::to_string(row.mayPrompt) + " DA " +
-                     std::to_string(row.defaultAction) + " shape " +
-                     std::to_string(static_cast<int>(row.shape)) + " choice " +
-                     std::to_string(row.defaultChoice));
+        SCOPED_TRACE(testing::Message()
+                     << "mayPrompt " << row.mayPrompt << " DA " << row.defaultAction << " shape "
+                     << static_cast<int>(row.shape) << " choice " << row.defaultChoice);
         // Separator 100, Quick Copy 101, Quick Move 102, separator 103.
         std::optional<UINT> quick;
         if (row.defaultChoice == 1)
