@@ -123,7 +123,7 @@ TEST(DecideDefaultChoice, DropTable)
             for (LONG shellDefault : row.shellDefaults)
                 for (LONG keys : {LONG(0), CTRL, SHIFT, LONG(CTRL | SHIFT)})
                 {
-                    if (!(row.keys >> keys & 1))
+                    if (!((row.keys >> keys) & 1))
                         continue;
                     MenuRequest request = Request(Shape::Drop);
                     request.m_dropEffect = row.dropEffect;
