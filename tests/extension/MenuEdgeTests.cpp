@@ -371,14 +371,6 @@ TEST_F(FolderMenu, Example4WithShareLinkAlreadyInTheMenu)
     EXPECT_EQ(Records(), (Lines_{FOREIGN + ", 51, vm-77", "0, 60, vm-77", "2, 14, vm-77"}));
 }
 
-TEST_F(FolderMenu, IndexMenuZeroScansNothing)
-{
-    ShellEntries({{37, TEXT("Share link")}});
-    EXPECT_EQ(Query(0, 200), 6);
-    EXPECT_EQ(Lines(), (Lines_{"-", "201 Share link +", "202 Versions +", "-", "204 Velmount Quick Delete +",
-                               "-", "37 Share link"}));
-}
-
 TEST_F(MenuEdge, MountTopHasItsItemsButNoQuickDelete)
 {
     // V:\top is the top of a mount of its own; its parent, the drive's top, is managed and allows deletes.

@@ -72,46 +72,16 @@ Lines Records(const MenuPlan& plan)
 // ---------------------------------------------------------------------------------------------------------
 // The drop table: every row, with each key state that the row's Keys column admits.
 
-enum class Keys
-{
-    Any,
-    Ctrl,
-    NoCtrl,
-    Shift,
-    NoShift,
-    CtrlNoShift,
-    Neither
-};
-
-bool Admits(Keys keys, LONG state)
-{
-    const bool ctrl = state & CTRL, shift = state & SHIFT;
-    switch (keys)
-    {
-    case Keys::Any:
-        return true;
-    case Keys::Ctrl:
-        return ctrl;
-    case Keys::NoCtrl:
-        return !ctrl;
-    case Keys::Shift:
-        return shift;
-    case Keys::NoShift:
-        return !shift;
-    case Keys::CtrlNoShift:
-        return ctrl && !shift;
-    case Keys::Neither:
-        return !ctrl && !shift;
-    }
-    return false;
-}
+// The key states a row admits, one bit per state: bit 0 neither, 1 Ctrl, 2 Shift, 3 both.
+const unsigned ANY = 0xF, CTRL_HELD = 0xA, NO_CTRL = 0x5, SHIFT_HELD = 0xC, NO_SHIFT = 0x3,
+               CTRL_NO_SHIFT = 0x2, NEITHER = 0x1;
 
 struct DropRow
 {
     LONG dropEffect;
     std::vector<LONG> masks;
     std::vector<LONG> shellDefaults;
-    Keys keys;
+    unsigned keys;
     LONG defaultChoice;
     LONG mayPrompt;
     bool proceed;
@@ -120,24 +90,29 @@ struct DropRow
 const std::vector<LONG> ANY_DEFAULT = {0, 1, 2};
 
 const DropRow DROP_TABLE[] = {
-    {0, {0}, {0}, Keys::Any, 0, 1, false},
-    {0, {1}, {1}, Keys::Any, 1, 0, true},
-    {0, {1}, {0}, Keys::Ctrl, 1, 0, true},
-    {0, {1}, {0}, Keys::NoCtrl, 0, 0, false},
-    {0, {2}, {2}, Keys::Any, 2, 0, true},
-    {0, {2}, {0}, Keys::Shift, 2, 0, true},
-    {0, {2}, {0}, Keys::NoShift, 0, 0, false},
-    {0, {3}, {2}, Keys::Any, 2, 0, true},
-    {0, {3}, {1}, Keys::Shift, 2, 0, true},
-    {0, {3}, {1}, Keys::NoShift, 1, 0, true},
-    {0, {3}, {0}, Keys::Shift, 2, 0, true},
-    {0, {3}, {0}, Keys::CtrlNoShift, 1, 0, true},
-    {0, {3}, {0}, Keys::Neither, 0, 0, false},
-    {1, {1}, ANY_DEFAULT, Keys::Any, 1, 1, true},
-    {1, {0, 2, 3}, ANY_DEFAULT, Keys::Any, 0, 1, false},
-    {2, {2}, ANY_DEFAULT, Keys::Any, 2, 1, true},
-    {2, {0, 1, 3}, ANY_DEFAULT, Keys::Any, 0, 1, false},
-    {4, {0, 1, 2, 3}, ANY_DEFAULT, Keys::Any, 0, 1, false},
+    {0, {0}, {0}, ANY, 0, 1, false},
+    {0, {1}, {1}, ANY, 1, 0, true},
+    {0, {1}, {0}, CTRL_HELD, 1, 0, true},
+    {0, {1}, {0}, NO_CTRL, 0, 0, false},
+    {0, {2}, {2}, ANY, 2, 0, true},
+    {0, {2}, {0}, SHIFT_HELD, 2, 0, true},
+    {0, {2}, {0}, NO_SHIFT, 0, 0, false},
+    {0, {3}, {2}, ANY, 2, 0, true},
+    {0, {3}, {1}, SHIFT_HELD, 2, 0, true},
+    {0, {3}, {1}, NO_SHIFT, 1, 0, true},
+    {0, {3}, {0}, SHIFT_HELD, 2, 0, true},
+    {0, {3}, {0}, CTRL_NO_SHIFT, 1, 0, true},
+    {0, {3}, {0}, NEITHER, 0, 0, false},
+    {1, {1}, ANY_DEFAULT, ANY, 1, 1, true},
+    {1, {0, 2, 3}, ANY_DEFAULT, ANY, 0, 1, false},
+    {2, {2}, ANY_DEFAULT, ANY, 2, 1, true},
+    {2, {0, 1, 3}, ANY_DEFAULT, ANY, 0, 1, false},
+    {4, {0, 1, 2, 3}, ANY_DEFAULT, ANY, 0, 1, false},
+    // Effects no row names decide nothing.
+    {3, {1}, {1}, ANY, 0, 1, false},
+    {5, {1}, {1}, ANY, 0, 1, false},
+    {8, {1}, {1}, ANY, 0, 1, false},
+    {-1, {1}, {1}, ANY, 0, 1, false},
 };
 
 TEST(DecideDefaultChoice, DropTable)
@@ -148,7 +123,7 @@ TEST(DecideDefaultChoice, DropTable)
             for (LONG shellDefault : row.shellDefaults)
                 for (LONG keys : {LONG(0), CTRL, SHIFT, LONG(CTRL | SHIFT)})
                 {
-                    if (!Admits(row.keys, keys))
+                    if (!((row.keys >> keys) & 1))
                         continue;
                     MenuRequest request = Request(Shape::Drop);
                     request.m_dropEffect = row.dropEffect;
@@ -180,21 +155,6 @@ TEST(DecideDefaultChoice, ItemsAndBackgroundAlwaysGoOnButKeepTheChoice)
 
         request.m_keyState = CTRL | SHIFT; // both held: the move wins
         EXPECT_EQ(DecideDefaultChoice(request).defaultChoice, 2);
-    }
-}
-
-TEST(DecideDefaultChoice, UnknownDropEffectsDecideNothing)
-{
-    for (LONG effect : {3, 5, 8, -1})
-    {
-        MenuRequest request = Request(Shape::Drop);
-        request.m_dropEffect = effect;
-        request.m_shellItemMask = 1;
-        request.m_shellDefaultItem = 1;
-        DefaultChoice decision = DecideDefaultChoice(request);
-        EXPECT_FALSE(decision.proceed) << effect;
-        EXPECT_EQ(decision.defaultChoice, 0);
-        EXPECT_EQ(decision.mayPrompt, 1);
     }
 }
 
@@ -234,10 +194,9 @@ TEST(BuildMenuPlan, DefaultItemTable)
         request.target.ci = request.target.mi = 1;
         request.target.defaultAction = row.defaultAction;
         MenuPlan plan = BuildMenuPlan(request, row.defaultChoice, row.mayPrompt);
-        SCOPED_TRACE("mayPrompt " + std::to_string(row.mayPrompt) + " DA " +
-                     std::to_string(row.defaultAction) + " shape " +
-                     std::to_string(static_cast<int>(row.shape)) + " choice " +
-                     std::to_string(row.defaultChoice));
+        SCOPED_TRACE(testing::Message()
+                     << "mayPrompt " << row.mayPrompt << " DA " << row.defaultAction << " shape "
+                     << static_cast<int>(row.shape) << " choice " << row.defaultChoice);
         // Separator 100, Quick Copy 101, Quick Move 102, separator 103.
         std::optional<UINT> quick;
         if (row.defaultChoice == 1)
@@ -261,37 +220,6 @@ TEST(BuildMenuPlan, QuickItemAbsentFromTheMenuIsNeverTheDefault)
     EXPECT_FALSE(plan.quickItem);
     EXPECT_FALSE(plan.defaultItem);
     EXPECT_EQ(Steps(plan), (Lines{"0 (100) -", "1 101 Velmount Quick Delete", "2 (102) -"}));
-}
-
-TEST(BuildMenuPlan, MoveAcrossDrivesNeverAsksNorDefaults)
-{
-    MenuRequest request = Request(Shape::Drop);
-    request.m_dropEffect = 2;
-    request.m_shellItemMask = 2;
-    request.m_sameDrive = 0;
-    request.target.mi = 1;
-    request.target.defaultAction = 0;
-    MenuPlan plan = BuildMenuPlan(request, 2, 1);
-    EXPECT_EQ(Steps(plan), (Lines{"0 (100) -"}));
-    EXPECT_EQ(plan.chooserOperation, 0u);
-    EXPECT_EQ(plan.result, 1u);
-
-    request.target.defaultAction = 2; // dropped Quick Move: the move choice is gone, nothing becomes default
-    plan = BuildMenuPlan(request, 2, 1);
-    EXPECT_FALSE(plan.defaultItem);
-    EXPECT_FALSE(plan.quickMoveOffset);
-}
-
-TEST(BuildMenuPlan, MoveWithoutMiStillAsks)
-{
-    MenuRequest request = Request(Shape::Drop);
-    request.m_dropEffect = 2;
-    request.m_shellItemMask = 2;
-    request.m_sameDrive = 0;
-    MenuPlan plan = BuildMenuPlan(request, 2, 1);
-    EXPECT_EQ(plan.chooserOperation, 2u);
-    EXPECT_FALSE(plan.quickItem);
-    EXPECT_EQ(plan.result, 1u);
 }
 
 // ---------------------------------------------------------------------------------------------------------
