@@ -17,6 +17,7 @@
 #endif
 
 #include <algorithm>
+#include <memory>
 #include <string>
 #include <vector>
 
@@ -69,19 +70,31 @@ Bytes CancelBytes()
     cancel[0] = 0x51;
     return cancel;
 }
+
+// A recording dialog and a key of the test's own, with a fake service on it once the test names its script.
+class OperationThreadTest : public testing::Test
+{
+protected:
+    FakeService& Serve(const char* script)
+    {
+        m_service.reset(new FakeService(key.c_str(), Script(script)));
+        EXPECT_TRUE(m_service->Start());
+        return *m_service;
+    }
+
+    TestSupport::ProgressDialogRegistration dialogs;
+    Text key = UniqueKey(TEXT("worker-test"));
+    std::unique_ptr<FakeService> m_service;
+};
 } // namespace
 
-TEST(OperationThread, QuickCopyFromRequestToEnd)
+TEST_F(OperationThreadTest, QuickCopyFromRequestToEnd)
 {
-    TestSupport::ProgressDialogRegistration dialogs;
     ASSERT_TRUE(dialogs.Registered());
-    Text key = UniqueKey(TEXT("worker-test"));
-    FakeService service(key.c_str(),
-                        Script("send 21 1\n"
-                               "send 21 2 2 8192\n"
-                               "send 21 3 1 4096 2 8192 source=C:\\windows target=C:\\windows\\fonts\n"
-                               "send 21 4 2 8192\n"));
-    ASSERT_TRUE(service.Start());
+    FakeService& service = Serve("send 21 1\n"
+                                 "send 21 2 2 8192\n"
+                                 "send 21 3 1 4096 2 8192 source=C:\\windows target=C:\\windows\\fonts\n"
+                                 "send 21 4 2 8192\n");
     OperationJob* job = NewJob(key);
     job->m_sourceList = TEXT("D:\\a.txt\nD:\\\u00E9.txt\n");
 #ifndef _WIN32
@@ -112,12 +125,9 @@ TEST(OperationThread, QuickCopyFromRequestToEnd)
     EXPECT_EQ(request, received[0].bytes);
 }
 
-TEST(OperationThread, QuietOperationShowsNoDialog)
+TEST_F(OperationThreadTest, QuietOperationShowsNoDialog)
 {
-    TestSupport::ProgressDialogRegistration dialogs;
-    Text key = UniqueKey(TEXT("worker-test"));
-    FakeService service(key.c_str(), Script("send 51 2 5 5\nsend 51 3 1 1\nsend 51 4\n"));
-    ASSERT_TRUE(service.Start());
+    FakeService& service = Serve("send 51 2 5 5\nsend 51 3 1 1\nsend 51 4\n");
 #ifndef _WIN32
     ClosingPauses pauses;
 #endif
@@ -136,19 +146,16 @@ TEST(OperationThread, QuietOperationShowsNoDialog)
 
 // The user cancels at once: every trip sees the cancelled status, the cancel goes out once, and the
 // service's answers after it are still shown.
-TEST(OperationThread, CancelGoesOutOnceAndTheReportsAfterItStillCount)
+TEST_F(OperationThreadTest, CancelGoesOutOnceAndTheReportsAfterItStillCount)
 {
-    TestSupport::ProgressDialogRegistration dialogs;
     dialogs.journal.status = PDOPS_CANCELLED;
-    Text key = UniqueKey(TEXT("worker-test"));
-    FakeService service(key.c_str(), Script("send 21 1\n"
-                                            "pause 20000\n"
-                                            "on-cancel\n"
-                                            "pause 100\n"
-                                            "send 21 3 1 4096 2 8192\n"
-                                            "pause 50\n"
-                                            "send 21 4 2 8192\n"));
-    ASSERT_TRUE(service.Start());
+    FakeService& service = Serve("send 21 1\n"
+                                 "pause 20000\n"
+                                 "on-cancel\n"
+                                 "pause 100\n"
+                                 "send 21 3 1 4096 2 8192\n"
+                                 "pause 50\n"
+                                 "send 21 4 2 8192\n");
 
     EXPECT_EQ(0u, Finish(StartedOperation(NewJob(key))));
 
@@ -215,12 +222,9 @@ TEST(OperationThread, OnlyAStatusOfSOkSendsTheOneCancel)
     }
 }
 
-TEST(OperationThread, ServiceGoneRightAfterTheRequestEndsTheOperation)
+TEST_F(OperationThreadTest, ServiceGoneRightAfterTheRequestEndsTheOperation)
 {
-    TestSupport::ProgressDialogRegistration dialogs;
-    Text key = UniqueKey(TEXT("worker-test"));
-    FakeService service(key.c_str(), Script("vanish\n"));
-    ASSERT_TRUE(service.Start());
+    FakeService& service = Serve("vanish\n");
 
     EXPECT_EQ(0u, Finish(StartedOperation(NewJob(key))));
 
@@ -229,12 +233,9 @@ TEST(OperationThread, ServiceGoneRightAfterTheRequestEndsTheOperation)
     EXPECT_EQ(1u, service.Received().size());
 }
 
-TEST(OperationThread, SilentServiceKeepsTheLoopPolling)
+TEST_F(OperationThreadTest, SilentServiceKeepsTheLoopPolling)
 {
-    TestSupport::ProgressDialogRegistration dialogs;
-    Text key = UniqueKey(TEXT("worker-test"));
-    FakeService service(key.c_str(), Script("pause 600\nsend 98 4\nsend 99 3 1 1 1 1\n"));
-    ASSERT_TRUE(service.Start());
+    Serve("pause 600\nsend 98 4\nsend 99 3 1 1 1 1\n");
     StartedOperation worker(NewJob(key));
 
     EXPECT_TRUE(!worker.EndsWithin(300)) << "no time-out while the service is silent";
@@ -247,12 +248,9 @@ TEST(OperationThread, SilentServiceKeepsTheLoopPolling)
 }
 
 // The end of the exchange closes the pipe first; the dialog goes only after the pause that follows.
-TEST(OperationThread, AnEndingMessageClosesThePipeBeforeTheDialog)
+TEST_F(OperationThreadTest, AnEndingMessageClosesThePipeBeforeTheDialog)
 {
-    TestSupport::ProgressDialogRegistration dialogs;
-    Text key = UniqueKey(TEXT("worker-test"));
-    FakeService service(key.c_str(), Script("send 21 99\npause 20000\n"));
-    ASSERT_TRUE(service.Start());
+    FakeService& service = Serve("send 21 99\npause 20000\n");
     StartedOperation worker(NewJob(key));
 
     ASSERT_TRUE(service.WaitForSessions(1, OPERATION_TIME_LIMIT)) << "the client closed its end";
@@ -265,18 +263,15 @@ TEST(OperationThread, AnEndingMessageClosesThePipeBeforeTheDialog)
 // Malformed messages (zero bytes, a short header, a length past the end) are dropped, and of an oversize
 // message nothing is taken: its last 64 bytes would end the exchange if they were read as a message, and then
 // the final report would never be shown.
-TEST(OperationThread, MalformedAndOversizeMessagesAreDropped)
+TEST_F(OperationThreadTest, MalformedAndOversizeMessagesAreDropped)
 {
-    TestSupport::ProgressDialogRegistration dialogs;
-    Text key = UniqueKey(TEXT("worker-test"));
-    FakeService service(key.c_str(), Script("send 21 2 2 8192\n"
-                                            "raw\n"
-                                            "raw 15 00 00 00 03 00\n"
-                                            "raw 15 00 00 00 03 00 00 00 00 00 00 00 7F 41\n"
-                                            "oversize 1048640\n"
-                                            "send 21 3 1 4096 2 8192\n"
-                                            "send 21 4 2 8192\n"));
-    ASSERT_TRUE(service.Start());
+    Serve("send 21 2 2 8192\n"
+          "raw\n"
+          "raw 15 00 00 00 03 00\n"
+          "raw 15 00 00 00 03 00 00 00 00 00 00 00 7F 41\n"
+          "oversize 1048640\n"
+          "send 21 3 1 4096 2 8192\n"
+          "send 21 4 2 8192\n");
 
     EXPECT_EQ(0u, Finish(StartedOperation(NewJob(key))));
 
@@ -286,12 +281,11 @@ TEST(OperationThread, MalformedAndOversizeMessagesAreDropped)
               CallsAfterStart(dialogs.journal));
 }
 
-TEST(OperationThread, NoServiceIsAFailedStartWithoutAWord)
+TEST_F(OperationThreadTest, NoServiceIsAFailedStartWithoutAWord)
 {
-    TestSupport::ProgressDialogRegistration dialogs;
     TestSupport::MessageBoxWatch boxes;
 
-    EXPECT_EQ(static_cast<DWORD>(E_FAIL), Finish(StartedOperation(NewJob(UniqueKey(TEXT("worker-test"))))));
+    EXPECT_EQ(static_cast<DWORD>(E_FAIL), Finish(StartedOperation(NewJob(key))));
 
     EXPECT_EQ(0, dialogs.journal.dialogsMade.load());
     EXPECT_TRUE(boxes.Seen().empty());
@@ -321,12 +315,9 @@ TEST(OperationThread, ADialogThatCannotBeMadeStopsTheOperationBeforeTheRequest)
 
 // A request past the size limit is never sent, so the service never hears of the operation and nothing it
 // could send would belong to it: the operation ends as after a broken pipe instead of waiting for ever.
-TEST(OperationThread, ARequestPastTheLimitEndsTheOperation)
+TEST_F(OperationThreadTest, ARequestPastTheLimitEndsTheOperation)
 {
-    TestSupport::ProgressDialogRegistration dialogs;
-    Text key = UniqueKey(TEXT("worker-test"));
-    FakeService service(key.c_str(), Script("send 21 4 1 1\n"));
-    ASSERT_TRUE(service.Start());
+    FakeService& service = Serve("send 21 4 1 1\n");
     OperationJob* job = NewJob(key);
     // 349,504 characters of three UTF-8 bytes each pass the limit even with the other strings empty.
     job->m_sourceList = Text(349504, static_cast<WCHAR>(0x6F22)).c_str();

@@ -115,16 +115,14 @@ TEST(PipeClientOpen, FailsWithoutAServiceAndStaysClosed)
     EXPECT_EQ(0, client.IsOpen());
 }
 
-TEST_F(PipeClientTest, OpenOnAConnectedClientAsksNothingOfTheSystem)
+TEST_F(PipeClientTest, AConnectedClientAsksNothingOfTheSystemAndWaitsForNothing)
 {
     EXPECT_EQ(1, m_client.IsOpen());
     // A name that has no pipe at all: only a client that never looks it up can answer 1.
     EXPECT_EQ(1, m_client.Open(UniquePipeName().c_str()));
     EXPECT_EQ(1, m_client.IsOpen());
-}
 
-TEST_F(PipeClientTest, NothingWaitingLeavesTheCountAndTheConnection)
-{
+    // Nothing waiting leaves the count and the connection.
     BYTE buffer[64];
     DWORD count = UNWRITTEN;
     EXPECT_EQ(0, m_client.Read(buffer, sizeof buffer, &count));

@@ -63,26 +63,6 @@ protected:
 };
 } // namespace
 
-TEST_F(ProgressInterpreterTest, WorkedSequenceOfACopy)
-{
-    EXPECT_NE(0, Handle(Message(21, 1)));
-    EXPECT_EQ(Calls({"SetOperation 7"}), m_journal.Calls());
-    m_journal.Clear();
-
-    EXPECT_NE(0, Handle(Message(21, 2, {2, 8192})));
-    EXPECT_EQ(Calls({"SetMode 1", "SetOperation 2", "UpdateProgress 0 1000 0 8192 0 2"}), m_journal.Calls());
-    m_journal.Clear();
-
-    EXPECT_NE(0, Handle(Message(21, 3, {1, 4096, 2, 8192}, SOURCE_A, TARGET_A)));
-    EXPECT_EQ(Calls({"UpdateLocations c:\\windows c:\\windows\\fonts c:\\windows",
-                     "UpdateProgress 500 1000 4096 8192 1 2"}),
-              m_journal.Calls());
-    m_journal.Clear();
-
-    EXPECT_EQ(0, Handle(Message(21, 4, {2, 8192})));
-    EXPECT_EQ(Calls({"UpdateProgress 1000 1000 8192 8192 2 2"}), m_journal.Calls());
-}
-
 // Every row of the five groups, from counters 5 of 10 items and 50 of 100 bytes, with a dialog and without.
 TEST_F(ProgressInterpreterTest, EveryRowOfTheFiveGroups)
 {
