@@ -37,11 +37,11 @@ bool Mapped(const void* address)
            module;
 }
 
-bool Eventually(bool (*condition)(const void*), const void* argument, bool wanted)
+template <class Condition> bool Eventually(Condition condition)
 {
     for (DWORD waited = 0; waited < OPERATION_TIME_LIMIT; waited += 10)
     {
-        if (condition(argument) == wanted)
+        if (condition())
             return true;
         Sleep(10);
     }
@@ -93,9 +93,9 @@ protected:
         EXPECT_EQ(0u, menuHandler->Release());
     }
 
-    static bool RequestArrived(const void* service)
+    static bool RequestArrived(const FakeService& service)
     {
-        return !static_cast<const FakeService*>(service)->Received().empty();
+        return Eventually([&] { return !service.Received().empty(); });
     }
 
     TestSupport::ManagedDrive drive;
@@ -114,7 +114,7 @@ TEST_F(Lifetime, CanUnloadNowSaysNoWhileTheWorkerRuns)
     EXPECT_EQ(S_OK, canUnloadNow());
 
     StartFromTheMenu();
-    ASSERT_TRUE(Eventually(RequestArrived, &service, true));
+    ASSERT_TRUE(RequestArrived(service));
     for (int look = 0; look < 10; ++look)
     {
         EXPECT_EQ(S_FALSE, canUnloadNow()) << "the object is gone, the worker is not";
@@ -122,14 +122,8 @@ TEST_F(Lifetime, CanUnloadNowSaysNoWhileTheWorkerRuns)
     }
 
     service.Stop();
-    bool unloadable = false;
-    for (DWORD waited = 0; waited < OPERATION_TIME_LIMIT && !unloadable; waited += 10)
-    {
-        unloadable = canUnloadNow() == S_OK;
-        if (!unloadable)
-            Sleep(10);
-    }
-    EXPECT_TRUE(unloadable) << "the last worker gave the library back";
+    EXPECT_TRUE(Eventually([&] { return canUnloadNow() == S_OK; }))
+        << "the last worker gave the library back";
 }
 
 // The host frees the library during the operation (its last reference, as CoFreeUnusedLibraries would after
@@ -140,7 +134,7 @@ TEST_F(Lifetime, AFreeLibraryDuringTheOperationWaitsForTheWorker)
     FakeService service(key.c_str(), Script("send 51 2 1 1\n"));
     ASSERT_TRUE(service.Start());
     StartFromTheMenu();
-    ASSERT_TRUE(Eventually(RequestArrived, &service, true));
+    ASSERT_TRUE(RequestArrived(service));
     const void* code = reinterpret_cast<const void*>(canUnloadNow);
 
     ASSERT_TRUE(FreeLibrary(library));
@@ -150,5 +144,5 @@ TEST_F(Lifetime, AFreeLibraryDuringTheOperationWaitsForTheWorker)
 
     service.Stop();
     ASSERT_TRUE(service.WaitForSessions(1, OPERATION_TIME_LIMIT)) << "the worker ended the connection";
-    EXPECT_TRUE(Eventually(Mapped, code, false)) << "the worker's end let the library go";
+    EXPECT_TRUE(Eventually([code] { return !Mapped(code); })) << "the worker's end let the library go";
 }
