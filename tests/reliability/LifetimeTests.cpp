@@ -3,6 +3,7 @@
 // runs, DllCanUnloadNow answers S_FALSE and a FreeLibrary does not take the code from under it; after the
 // worker's end the answer is S_OK and the library goes.
 #include "foundation/WideString.h"
+#include "module/ComModule.h"
 #include "tests/channel/UniqueKey.h"
 #include "tests/module/ComModule/LibraryPath.h"
 #include "tests/support/ManagedDrive.h"
@@ -18,9 +19,6 @@ namespace
 {
 typedef HRESULT(STDMETHODCALLTYPE* CanUnloadNowEntry)();
 typedef HRESULT(STDMETHODCALLTYPE* GetClassObjectEntry)(REFCLSID, REFIID, LPVOID*);
-
-// {7031DB56-AEF0-4A42-B4C9-BFDF2ABE4765}
-const CLSID CLASS_ID = {0x7031DB56, 0xAEF0, 0x4A42, {0xB4, 0xC9, 0xBF, 0xDF, 0x2A, 0xBE, 0x47, 0x65}};
 
 template <class Entry> Entry Export(HMODULE library, const char* name)
 {
@@ -73,7 +71,8 @@ protected:
     void StartFromTheMenu()
     {
         IClassFactory* factory = nullptr;
-        ASSERT_EQ(S_OK, getClassObject(CLASS_ID, IID_IClassFactory, reinterpret_cast<void**>(&factory)));
+        ASSERT_EQ(S_OK, getClassObject(CLSID_VelmountCopyMoveExtension, IID_IClassFactory,
+                                       reinterpret_cast<void**>(&factory)));
         IShellExtInit* init = nullptr;
         ASSERT_EQ(S_OK, factory->CreateInstance(nullptr, IID_IShellExtInit, reinterpret_cast<void**>(&init)));
         factory->Release();
