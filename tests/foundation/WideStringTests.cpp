@@ -156,34 +156,33 @@ TEST(WideString, TokenizeSkipsDelimiterRunsAndEndsWithEmpty)
     struct Case
     {
         const char16_t* text;
+        const WCHAR* delimiters;
         std::vector<std::u16string> tokens;
+        std::vector<int> positions; // after each token: one past the delimiter that ended it
     } cases[] = {
-        {u"K=abc|RM=X:\\|DA=1", {u"K=abc", u"RM=X:\\", u"DA=1"}},
-        {u"||a||b|", {u"a", u"b"}},
-        {u"|||", {}},
-        {u"", {}},
-        {u"single", {u"single"}},
+        {u"K=abc|RM=X:\\|DA=1", TEXT("|"), {u"K=abc", u"RM=X:\\", u"DA=1"}, {6, 13, 18}},
+        {u"||a||b|", TEXT("|"), {u"a", u"b"}, {4, 7}},
+        {u"|||", TEXT("|"), {}, {}},
+        {u"", TEXT("|"), {}, {}},
+        {u"single", TEXT("|"), {u"single"}, {7}},
+        {u"a,b;c", TEXT(",;"), {u"a", u"b", u"c"}, {2, 4, 6}},
     };
     for (const Case& c : cases)
     {
         WideString s(reinterpret_cast<LPCWSTR>(c.text));
         int position = 0;
         std::vector<std::u16string> tokens;
-        for (WideString token = s.Tokenize(TEXT("|"), position); !token.IsEmpty();
-             token = s.Tokenize(TEXT("|"), position))
+        std::vector<int> positions;
+        for (WideString token = s.Tokenize(c.delimiters, position); !token.IsEmpty();
+             token = s.Tokenize(c.delimiters, position))
+        {
             tokens.push_back(Text(token));
+            positions.push_back(position);
+        }
         EXPECT_EQ(tokens, c.tokens);
+        EXPECT_EQ(positions, c.positions);
         EXPECT_EQ(position, -1);
     }
-    WideString s(TEXT("a,b;c"));
-    int position = 0;
-    EXPECT_EQ(Text(s.Tokenize(TEXT(",;"), position)), u"a");
-    EXPECT_EQ(position, 2);
-    EXPECT_EQ(Text(s.Tokenize(TEXT(",;"), position)), u"b");
-    EXPECT_EQ(Text(s.Tokenize(TEXT(",;"), position)), u"c");
-    EXPECT_EQ(position, 6);
-    EXPECT_EQ(Text(s.Tokenize(TEXT(",;"), position)), u"");
-    EXPECT_EQ(position, -1);
 }
 
 TEST(WideString, FormatsTheSystemsPatterns)

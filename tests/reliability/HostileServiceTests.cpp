@@ -63,37 +63,6 @@ Calls CallsAfterStart(const TestSupport::ProgressJournal& journal)
 }
 } // namespace
 
-// The read buffer is kept from read to read and never cleared, so the bytes just past a short message are
-// those of a longer one before it. A decoder that looked past the count it was given would complete each
-// cut-down copy below from those stale bytes and report the same progress twice.
-TEST(HostileService, ShortMessagesAreNeverCompletedFromAnEarlierMessage)
-{
-    TestSupport::ProgressDialogRegistration dialogs;
-    Text key = UniqueKey(TEXT("hostile"));
-    const Bytes totals = Encoded(21, 2, {2, 8192});
-    const Bytes report = Encoded(21, 3, {1, 4096, 2, 8192});
-    std::string script = "send 21 2 2 8192\n";
-    script += RawLine(Prefix(totals, totals.size() - 1)); // the last value one byte short
-    script += RawLine(Prefix(totals, 12));                // the header alone: 12 bytes
-    script += RawLine(Bytes(12, 0));
-    script += RawLine(Prefix(totals, 13)); // the first length, and nothing after it
-    script += "send 21 3 1 4096 2 8192\n";
-    script += RawLine(Prefix(report, report.size() - 8)); // one value missing altogether
-    script += RawLine(Prefix(report, 12));
-    script += "send 21 4 2 8192\n";
-    FakeService service(key.c_str(), Script(script));
-    ASSERT_TRUE(service.Start());
-
-    StartedOperation operation(NewJob(key));
-    EXPECT_EQ(0u, operation.ExitCode());
-
-    EXPECT_EQ(Calls({"SetMode 1", "SetOperation 2", "UpdateProgress 0 1000 0 8192 0 2",
-                     "UpdateProgress 500 1000 4096 8192 1 2", "UpdateProgress 1000 1000 8192 8192 2 2",
-                     "StopProgressDialog"}),
-              CallsAfterStart(dialogs.journal));
-    EXPECT_EQ(0, dialogs.journal.liveDialogs.load());
-}
-
 // Lengths that point far past the message, or that no 32-bit count can hold, and then random bytes: each is
 // dropped (or, if it happens to be well-formed, interpreted); the operation ends when the service closes.
 TEST(HostileService, GarbageIsDroppedAndTheOperationStillEnds)
@@ -138,9 +107,25 @@ TEST(HostileService, GarbageIsDroppedAndTheOperationStillEnds)
 struct EndingCase
 {
     const char* name;
-    const char* script;
+    std::string script;
     Calls expected; // the dialog's calls after its start
 };
+
+// The read buffer is kept from read to read and never cleared, so the bytes just past a short message are
+// those of a longer one before it. A decoder that looked past the count it was given would complete each
+// cut-down copy here from those stale bytes and report the same progress twice.
+std::string ShortMessagesAfterLongOnes()
+{
+    const Bytes totals = Encoded(21, 2, {2, 8192});
+    const Bytes report = Encoded(21, 3, {1, 4096, 2, 8192});
+    return "send 21 2 2 8192\n" +
+           RawLine(Prefix(totals, totals.size() - 1)) +          // the last value one byte short
+           RawLine(Prefix(totals, 12)) +                         // the header alone: 12 bytes
+           RawLine(Bytes(12, 0)) + RawLine(Prefix(totals, 13)) + // the first length, and nothing after it
+           "send 21 3 1 4096 2 8192\n" +
+           RawLine(Prefix(report, report.size() - 8)) + // one value missing altogether
+           RawLine(Prefix(report, 12)) + "send 21 4 2 8192\n";
+}
 
 class HostileEnding : public testing::TestWithParam<EndingCase>
 {
@@ -163,6 +148,11 @@ TEST_P(HostileEnding, TheOperationEndsAndTheDialogCloses)
 INSTANTIATE_TEST_SUITE_P(
     Cases, HostileEnding,
     testing::Values(
+        EndingCase{"ShortMessagesAreNeverCompletedFromAnEarlierMessage",
+                   ShortMessagesAfterLongOnes(),
+                   {"SetMode 1", "SetOperation 2", "UpdateProgress 0 1000 0 8192 0 2",
+                    "UpdateProgress 500 1000 4096 8192 1 2", "UpdateProgress 1000 1000 8192 8192 2 2",
+                    "StopProgressDialog"}},
         // Three times the read buffer: thrown away whole, and what follows is read as it was sent.
         EndingCase{"ThreeMebibytes",
                    "send 21 2 2 8192\noversize 3145728\nsend 21 4 2 8192\n",

@@ -3,6 +3,7 @@
 // runs, DllCanUnloadNow answers S_FALSE and a FreeLibrary does not take the code from under it; after the
 // worker's end the answer is S_OK and the library goes.
 #include "foundation/WideString.h"
+#include "module/ComModule.h"
 #include "tests/channel/UniqueKey.h"
 #include "tests/module/ComModule/LibraryPath.h"
 #include "tests/support/ManagedDrive.h"
@@ -19,9 +20,6 @@ namespace
 typedef HRESULT(STDMETHODCALLTYPE* CanUnloadNowEntry)();
 typedef HRESULT(STDMETHODCALLTYPE* GetClassObjectEntry)(REFCLSID, REFIID, LPVOID*);
 
-// {7031DB56-AEF0-4A42-B4C9-BFDF2ABE4765}
-const CLSID CLASS_ID = {0x7031DB56, 0xAEF0, 0x4A42, {0xB4, 0xC9, 0xBF, 0xDF, 0x2A, 0xBE, 0x47, 0x65}};
-
 template <class Entry> Entry Export(HMODULE library, const char* name)
 {
     return reinterpret_cast<Entry>(reinterpret_cast<void (*)()>(GetProcAddress(library, name)));
@@ -37,11 +35,11 @@ bool Mapped(const void* address)
            module;
 }
 
-bool Eventually(bool (*condition)(const void*), const void* argument, bool wanted)
+template <class Condition> bool Eventually(Condition condition)
 {
     for (DWORD waited = 0; waited < OPERATION_TIME_LIMIT; waited += 10)
     {
-        if (condition(argument) == wanted)
+        if (condition())
             return true;
         Sleep(10);
     }
@@ -73,7 +71,8 @@ protected:
     void StartFromTheMenu()
     {
         IClassFactory* factory = nullptr;
-        ASSERT_EQ(S_OK, getClassObject(CLASS_ID, IID_IClassFactory, reinterpret_cast<void**>(&factory)));
+        ASSERT_EQ(S_OK, getClassObject(CLSID_VelmountCopyMoveExtension, IID_IClassFactory,
+                                       reinterpret_cast<void**>(&factory)));
         IShellExtInit* init = nullptr;
         ASSERT_EQ(S_OK, factory->CreateInstance(nullptr, IID_IShellExtInit, reinterpret_cast<void**>(&init)));
         factory->Release();
@@ -93,9 +92,9 @@ protected:
         EXPECT_EQ(0u, menuHandler->Release());
     }
 
-    static bool RequestArrived(const void* service)
+    static bool RequestArrived(const FakeService& service)
     {
-        return !static_cast<const FakeService*>(service)->Received().empty();
+        return Eventually([&] { return !service.Received().empty(); });
     }
 
     TestSupport::ManagedDrive drive;
@@ -114,7 +113,7 @@ TEST_F(Lifetime, CanUnloadNowSaysNoWhileTheWorkerRuns)
     EXPECT_EQ(S_OK, canUnloadNow());
 
     StartFromTheMenu();
-    ASSERT_TRUE(Eventually(RequestArrived, &service, true));
+    ASSERT_TRUE(RequestArrived(service));
     for (int look = 0; look < 10; ++look)
     {
         EXPECT_EQ(S_FALSE, canUnloadNow()) << "the object is gone, the worker is not";
@@ -122,14 +121,8 @@ TEST_F(Lifetime, CanUnloadNowSaysNoWhileTheWorkerRuns)
     }
 
     service.Stop();
-    bool unloadable = false;
-    for (DWORD waited = 0; waited < OPERATION_TIME_LIMIT && !unloadable; waited += 10)
-    {
-        unloadable = canUnloadNow() == S_OK;
-        if (!unloadable)
-            Sleep(10);
-    }
-    EXPECT_TRUE(unloadable) << "the last worker gave the library back";
+    EXPECT_TRUE(Eventually([&] { return canUnloadNow() == S_OK; }))
+        << "the last worker gave the library back";
 }
 
 // The host frees the library during the operation (its last reference, as CoFreeUnusedLibraries would after
@@ -140,7 +133,7 @@ TEST_F(Lifetime, AFreeLibraryDuringTheOperationWaitsForTheWorker)
     FakeService service(key.c_str(), Script("send 51 2 1 1\n"));
     ASSERT_TRUE(service.Start());
     StartFromTheMenu();
-    ASSERT_TRUE(Eventually(RequestArrived, &service, true));
+    ASSERT_TRUE(RequestArrived(service));
     const void* code = reinterpret_cast<const void*>(canUnloadNow);
 
     ASSERT_TRUE(FreeLibrary(library));
@@ -150,5 +143,5 @@ TEST_F(Lifetime, AFreeLibraryDuringTheOperationWaitsForTheWorker)
 
     service.Stop();
     ASSERT_TRUE(service.WaitForSessions(1, OPERATION_TIME_LIMIT)) << "the worker ended the connection";
-    EXPECT_TRUE(Eventually(Mapped, code, false)) << "the worker's end let the library go";
+    EXPECT_TRUE(Eventually([code] { return !Mapped(code); })) << "the worker's end let the library go";
 }

@@ -1,32 +1,14 @@
-// The library as a file the system loads: what it exports, what the loader says about it, and whether the
-// identifiers spelled in its resources agree with the ones its code answers to.
+// The library as a file the system loads: what it exports and what the loader says about it. (Whether its
+// resources name the class and type library its code answers to, the registration tests read back.)
 #include "module/ComModule.h"
 #include "tests/module/ComModule/LibraryPath.h"
 
 #include <gtest/gtest.h>
 
-#include <cstdio>
 #include <string>
 
 namespace
 {
-std::string LowerGuidText(const GUID& id)
-{
-    char text[40];
-    std::snprintf(text, sizeof(text), "{%08x-%04x-%04x-%02x%02x-%02x%02x%02x%02x%02x%02x}",
-                  static_cast<unsigned>(id.Data1), id.Data2, id.Data3, id.Data4[0], id.Data4[1], id.Data4[2],
-                  id.Data4[3], id.Data4[4], id.Data4[5], id.Data4[6], id.Data4[7]);
-    return text;
-}
-
-int Occurrences(const std::string& text, const std::string& what)
-{
-    int count = 0;
-    for (size_t at = text.find(what); at != std::string::npos; at = text.find(what, at + 1))
-        ++count;
-    return count;
-}
-
 class ComModuleLibrary : public ::testing::Test
 {
 protected:
@@ -92,26 +74,5 @@ TEST_F(ComModuleLibrary, MissingLibraryIsNotFound)
     SetLastError(0);
     EXPECT_EQ(nullptr, LoadLibraryW(missing.c_str()));
     EXPECT_EQ(static_cast<DWORD>(ERROR_MOD_NOT_FOUND), GetLastError());
-}
-
-// The class id lives in the code, in the class script and in the type library; they must agree.
-TEST_F(ComModuleLibrary, ResourcesNameTheClassAndLibraryTheCodeAnswersTo)
-{
-    HRSRC found = FindResourceW(m_library, MAKEINTRESOURCEW(106), TEXT("REGISTRY"));
-    ASSERT_NE(nullptr, found);
-    auto bytes = static_cast<const char*>(LockResource(LoadResource(m_library, found)));
-    ASSERT_NE(nullptr, bytes);
-    std::string script(bytes, SizeofResource(m_library, found));
-    // The class key and the eight handler keys (*, Directory\BackGround, and two each under Directory,
-    // Folder and Drive).
-    EXPECT_EQ(9, Occurrences(script, LowerGuidText(CLSID_VelmountCopyMoveExtension)));
-
-    ITypeLib* library = nullptr;
-    ASSERT_EQ(S_OK, LoadTypeLib(m_path.c_str(), &library));
-    TLIBATTR* attributes = nullptr;
-    ASSERT_EQ(S_OK, library->GetLibAttr(&attributes));
-    EXPECT_EQ(LowerGuidText(LIBID_VelmountShellExtension), LowerGuidText(attributes->guid));
-    library->ReleaseTLibAttr(attributes);
-    library->Release();
 }
 } // namespace

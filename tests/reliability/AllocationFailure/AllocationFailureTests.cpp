@@ -62,18 +62,7 @@ enum class Shape
     Background, // a managed folder's background
 };
 
-const char* ShapeName(Shape shape)
-{
-    switch (shape)
-    {
-    case Shape::Drop:
-        return "drop";
-    case Shape::Items:
-        return "items";
-    default:
-        return "background";
-    }
-}
+const char* const SHAPE_NAMES[] = {"drop", "items", "background"};
 
 class AllocationFailure : public testing::TestWithParam<Shape>
 {
@@ -227,7 +216,7 @@ TEST_P(AllocationFailure, EveryAllocationOfTheMenuRoadFailsCleanly)
     EXPECT_EQ(allocations, failed);
     std::printf(
         "[ figures  ] %s: %ld allocations on the caller's thread, each failed once; %zu sites so far\n",
-        ShapeName(GetParam()), allocations, FailingAllocator::FailedSites().size());
+        SHAPE_NAMES[static_cast<int>(GetParam())], allocations, FailingAllocator::FailedSites().size());
 }
 
 INSTANTIATE_TEST_SUITE_P(Shapes, AllocationFailure,
@@ -268,19 +257,17 @@ TEST(AllocationFailureOfRegistration, EveryAllocationOfRegisteringAndUnregisteri
                    {"DllUnregisterServer", DllUnregisterServer, true, 0}};
     for (Entry& entry : entries)
     {
-        FreshRegistry();
-        if (entry.registeredBefore)
+        // Every pass starts from the same registry, so that each makes the allocations the counted one made.
+        auto prepare = [&entry]
         {
-            ASSERT_EQ(S_OK, DllRegisterServer());
-        }
+            FreshRegistry();
+            return entry.registeredBefore ? DllRegisterServer() : S_OK;
+        };
+        ASSERT_EQ(S_OK, prepare());
         ASSERT_EQ(S_OK, CallFailing(entry.call, 0, &entry.allocations)) << entry.name;
         for (long k = 1; k <= entry.allocations; ++k)
         {
-            FreshRegistry();
-            if (entry.registeredBefore)
-            {
-                ASSERT_EQ(S_OK, DllRegisterServer());
-            }
+            ASSERT_EQ(S_OK, prepare()) << entry.name << ", k=" << k;
             HRESULT code = CallFailing(entry.call, k);
             EXPECT_NE(THROWN, code) << entry.name << ", k=" << k;
             EXPECT_TRUE(code == S_OK || FAILED(code)) << entry.name << ", k=" << k << ": " << Hex(code);
