@@ -9,32 +9,84 @@
 #include <cstdint>
 #include <cstring>
 
+namespace UnitSearchDetail
+{
+constexpr std::uint64_t kLowBits = 0x0001000100010001ull;
+constexpr std::uint64_t kHighBits = 0x8000800080008000ull;
+
+inline std::uint64_t LoadWord(const BYTE* at) noexcept
+{
+    static_assert(__BYTE_ORDER__ == __ORDER_LITTLE_ENDIAN__, "units are tested in memory order");
+    std::uint64_t word;
+    std::memcpy(&word, at, sizeof(word));
+    return word;
+}
+
+// One flag per unit of `word` that equals the unit spread over `pattern`. A unit that matched is zero after
+// the exclusive or and borrows into its top bit; the lowest flag is the first match (a borrow only flags
+// units above a match).
+inline std::uint64_t Matches(std::uint64_t word, std::uint64_t pattern) noexcept
+{
+    word ^= pattern;
+    return (word - kLowBits) & ~word & kHighBits;
+}
+
+inline const BYTE* FirstMatch(const BYTE* at, std::uint64_t matches) noexcept
+{
+    return at + __builtin_ctzll(matches) / 16 * sizeof(WCHAR);
+}
+} // namespace UnitSearchDetail
+
 // The first unit equal to `unit` among the whole units in [at, end), or null. The units may start at any
 // byte address: they are copied out, never dereferenced in place.
 inline const BYTE* FindUnit(const BYTE* at, const BYTE* end, WCHAR unit) noexcept
 {
-    static_assert(__BYTE_ORDER__ == __ORDER_LITTLE_ENDIAN__, "units are tested in memory order");
-    constexpr std::uint64_t kLowBits = 0x0001000100010001ull;
-    constexpr std::uint64_t kHighBits = 0x8000800080008000ull;
+    using namespace UnitSearchDetail;
     const std::uint64_t pattern = kLowBits * unit;
-    while (end - at >= static_cast<std::ptrdiff_t>(sizeof(std::uint64_t)))
+    const std::ptrdiff_t wholeBytes = (end - at) & ~static_cast<std::ptrdiff_t>(1);
+    if (wholeBytes < static_cast<std::ptrdiff_t>(sizeof(std::uint64_t)))
     {
-        std::uint64_t word;
-        std::memcpy(&word, at, sizeof(word));
-        word ^= pattern;
-        // A unit that matched is zero now and borrows into its top bit; the lowest flagged unit is the
-        // first match (a borrow only flags units above it).
-        const std::uint64_t matches = (word - kLowBits) & ~word & kHighBits;
-        if (matches)
-            return at + __builtin_ctzll(matches) / 16 * sizeof(WCHAR);
-        at += sizeof(word);
+        for (const BYTE* stop = at + wholeBytes; at < stop; at += sizeof(WCHAR))
+            if (static_cast<WCHAR>(at[0] | at[1] << 8) == unit)
+                return at;
+        return nullptr;
+    }
+    // The last word ends at the last whole unit and may overlap the one before: the units tested twice did
+    // not match the first time, so the lowest flag is still the first match.
+    const BYTE* last = at + wholeBytes - sizeof(std::uint64_t);
+    for (; at < last; at += sizeof(std::uint64_t))
+        if (const std::uint64_t matches = Matches(LoadWord(at), pattern))
+            return FirstMatch(at, matches);
+    const std::uint64_t matches = Matches(LoadWord(last), pattern);
+    return matches ? FirstMatch(last, matches) : nullptr;
+}
+
+// As FindUnit, copying the units before the match to `out` on the way, four at a time: the first `limit` of
+// them are kept, and up to three units beyond those are overwritten, so `out` needs room for `limit` + 3.
+inline const BYTE* CopyUntilUnit(const BYTE* at, const BYTE* end, WCHAR unit, WCHAR* out,
+                                 size_t limit) noexcept
+{
+    using namespace UnitSearchDetail;
+    const std::uint64_t pattern = kLowBits * unit;
+    size_t copied = 0;
+    for (; end - at >= static_cast<std::ptrdiff_t>(sizeof(std::uint64_t)); at += sizeof(std::uint64_t))
+    {
+        const std::uint64_t word = LoadWord(at);
+        if (copied < limit)
+        {
+            std::memcpy(out + copied, &word, sizeof(word));
+            copied += sizeof(word) / sizeof(WCHAR);
+        }
+        if (const std::uint64_t matches = Matches(word, pattern))
+            return FirstMatch(at, matches);
     }
     for (; end - at >= static_cast<std::ptrdiff_t>(sizeof(WCHAR)); at += sizeof(WCHAR))
     {
-        WCHAR found;
-        std::memcpy(&found, at, sizeof(found));
+        const WCHAR found = static_cast<WCHAR>(at[0] | at[1] << 8);
         if (found == unit)
             return at;
+        if (copied < limit)
+            out[copied++] = found;
     }
     return nullptr;
 }
@@ -42,16 +94,21 @@ inline const BYTE* FindUnit(const BYTE* at, const BYTE* end, WCHAR unit) noexcep
 // Whether the `count` units at `a` and `b` are the same.
 inline bool SameUnits(const WCHAR* a, const WCHAR* b, size_t count) noexcept
 {
-    for (; count >= 4; a += 4, b += 4, count -= 4)
+    using UnitSearchDetail::LoadWord;
+    constexpr size_t kWordUnits = sizeof(std::uint64_t) / sizeof(WCHAR);
+    if (count < kWordUnits)
     {
-        std::uint64_t left, right;
-        std::memcpy(&left, a, sizeof(left));
-        std::memcpy(&right, b, sizeof(right));
-        if (left != right)
-            return false;
+        for (; count; ++a, ++b, --count)
+            if (*a != *b)
+                return false;
+        return true;
     }
-    for (; count; ++a, ++b, --count)
-        if (*a != *b)
+    const BYTE* left = reinterpret_cast<const BYTE*>(a);
+    const BYTE* right = reinterpret_cast<const BYTE*>(b);
+    // The last word ends with the last unit and may overlap the one before.
+    const size_t lastByte = (count - kWordUnits) * sizeof(WCHAR);
+    for (size_t byte = 0; byte < lastByte; byte += sizeof(std::uint64_t))
+        if (LoadWord(left + byte) != LoadWord(right + byte))
             return false;
-    return true;
+    return LoadWord(left + lastByte) == LoadWord(right + lastByte);
 }
