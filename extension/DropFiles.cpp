@@ -36,16 +36,18 @@ private:
 
 bool ReadWideNames(const BYTE* at, const BYTE* end, NodeList<WideString>& paths)
 {
+    // Each name is copied while its end is looked for: one pass over the block's bytes, not two.
     WideString::Batch texts;
     for (;;)
     {
-        const BYTE* nameEnd = FindUnit(at, end, 0);
+        WCHAR* text = texts.Reserve(kPathLimit);
+        const BYTE* nameEnd = CopyUntilUnit(at, end, 0, text, kPathLimit);
         if (!nameEnd)
             return false;
         const ptrdiff_t units = (nameEnd - at) / static_cast<ptrdiff_t>(sizeof(WCHAR));
         if (units == 0)
             return true;
-        paths.AddTail(texts.Make(at, units < kPathLimit ? static_cast<int>(units) : kPathLimit));
+        paths.AddTail(texts.Commit(units < kPathLimit ? static_cast<int>(units) : kPathLimit));
         at = nameEnd + sizeof(WCHAR);
     }
 }

@@ -50,7 +50,8 @@ WideString::Data* Allocate(int capacity)
 }
 
 // Blocks double from a page, so one path costs little and a hundred thousand cost a few dozen allocations;
-// a text too long for a quarter of the largest block gets a block of its own.
+// a text that the current block has no room for and that is too long for a quarter of the largest block gets
+// a block of its own.
 constexpr size_t kFirstBlockBytes = 4096;
 constexpr size_t kLargestBlockBytes = 256 * 1024;
 
@@ -155,47 +156,71 @@ WideString WideString::Batch::Make(const void* units, int length)
         AtlThrow(E_INVALIDARG);
     if (length == 0)
         return WideString();
-    const size_t bytes = AlignedToData(DataBytes(length));
-    Data* data;
+    std::memcpy(Reserve(length), units, static_cast<size_t>(length) * sizeof(WCHAR));
+    return Commit(length);
+}
+
+WCHAR* WideString::Batch::ReserveElsewhere(int maxLength)
+{
+    if (maxLength < 0)
+        AtlThrow(E_INVALIDARG);
+    if (maxLength > kMaxCapacity - kReserveSlack)
+        AtlThrow(E_OUTOFMEMORY);
+    DropAlone();
+    const int capacity = maxLength + kReserveSlack;
+    const size_t bytes = RecordBytes(static_cast<size_t>(capacity));
     if (bytes > kLargestBlockBytes / 4)
-        data = Allocate(length);
-    else
     {
-        // A record is larger than its header, so a block holds fewer texts than it has headers' worth of
-        // bytes: the credits given to a new block never run out before its space does.
-        if (!m_block || m_size - m_used < bytes || m_credits < 2)
-        {
-            Leave();
-            const size_t size =
-                m_blockBytes ? (m_blockBytes * 2 < kLargestBlockBytes ? m_blockBytes * 2 : kLargestBlockBytes)
-                             : kFirstBlockBytes;
-            void* memory = g_spareBlocks.Take(size);
-            if (!memory)
-                AtlThrow(E_OUTOFMEMORY);
-            m_blockBytes = size;
-            m_size = size;
-            m_used = AlignedToData(sizeof(Block));
-            m_credits = static_cast<long>(size / sizeof(Data)) + 1;
-            m_block = static_cast<Block*>(memory);
-            new (&m_block->texts) std::atomic<long>(m_credits);
-            m_block->bytes = size;
-        }
-        data = reinterpret_cast<Data*>(reinterpret_cast<unsigned char*>(m_block) + m_used);
-        new (&data->shares) std::atomic<long>(1);
-        data->capacity = length;
-        data->blockOffset = static_cast<unsigned>(m_used);
-        m_used += bytes;
-        --m_credits;
+        m_alone = Allocate(capacity);
+        return m_alone->Text();
     }
-    std::memcpy(data->Text(), units, static_cast<size_t>(length) * sizeof(WCHAR));
+    // A record is larger than its header, so a block holds fewer texts than it has headers' worth of bytes:
+    // the credits given to a new block never run out before its space does.
+    if (!m_block || m_size - m_used < bytes || m_credits < 2)
+    {
+        Leave();
+        const size_t size =
+            m_blockBytes ? (m_blockBytes * 2 < kLargestBlockBytes ? m_blockBytes * 2 : kLargestBlockBytes)
+                         : kFirstBlockBytes;
+        void* memory = g_spareBlocks.Take(size);
+        if (!memory)
+            AtlThrow(E_OUTOFMEMORY);
+        m_blockBytes = size;
+        m_size = size;
+        m_used = AlignedToData(sizeof(Block));
+        m_credits = static_cast<long>(size / sizeof(Data)) + 1;
+        m_block = static_cast<Block*>(memory);
+        new (&m_block->texts) std::atomic<long>(m_credits);
+        m_block->bytes = size;
+    }
+    return Record()->Text();
+}
+
+WideString WideString::Batch::CommitElsewhere(int length) noexcept
+{
+    Data* data = m_alone;
+    if (!data || length <= 0)
+    {
+        DropAlone();
+        return WideString();
+    }
+    m_alone = nullptr;
     data->length = length;
     data->Text()[length] = 0;
     return WideString(data);
 }
 
+void WideString::Batch::DropAlone() noexcept
+{
+    if (m_alone)
+        HeapFree(GetProcessHeap(), 0, m_alone);
+    m_alone = nullptr;
+}
+
 // Gives back the credits no text took; the block goes when its texts are gone as well.
 void WideString::Batch::Leave() noexcept
 {
+    DropAlone();
     if (!m_block)
         return;
     if (m_block->texts.fetch_sub(m_credits, std::memory_order_acq_rel) == m_credits)

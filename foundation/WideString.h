@@ -8,6 +8,7 @@
 
 #include <atomic>
 #include <cstdarg>
+#include <new>
 
 class WideString
 {
@@ -106,12 +107,54 @@ public:
         // A string of the `length` UTF-16 units at `units`, which may lie at any byte address.
         WideString Make(const void* units, int length);
 
+        // For a reader that copies while it looks for a text's end: room for up to `maxLength` units, and
+        // for `kReserveSlack` more that it may overwrite, as it stores several units at a time. Commit, after
+        // Reserve, makes the string of the first `length` units written there (length <= maxLength; 0
+        // gives the empty string). Inline while the current block has room: a selection reserves per path.
+        static constexpr int kReserveSlack = 3;
+        WCHAR* Reserve(int maxLength)
+        {
+            if (!m_alone && m_credits >= 2 && maxLength >= 0 &&
+                m_size - m_used >= RecordBytes(static_cast<size_t>(maxLength) + kReserveSlack))
+                return Record()->Text();
+            return ReserveElsewhere(maxLength);
+        }
+        WideString Commit(int length) noexcept
+        {
+            if (m_alone || length <= 0)
+                return CommitElsewhere(length);
+            Data* data = Record();
+            new (&data->shares) std::atomic<long>(1);
+            data->length = length;
+            data->capacity = length;
+            data->blockOffset = static_cast<unsigned>(m_used);
+            data->Text()[length] = 0;
+            m_used += RecordBytes(static_cast<size_t>(length));
+            --m_credits;
+            return WideString(data);
+        }
+
         // Opaque outside WideString.cpp.
         struct Block;
 
     private:
+        // Bytes of a text's header and `capacity` units with their terminator, rounded to the header's
+        // alignment.
+        static constexpr size_t RecordBytes(size_t capacity)
+        {
+            return (sizeof(Data) + (capacity + 1) * sizeof(WCHAR) + alignof(Data) - 1) / alignof(Data) *
+                   alignof(Data);
+        }
+        Data* Record() const noexcept
+        {
+            return reinterpret_cast<Data*>(reinterpret_cast<unsigned char*>(m_block) + m_used);
+        }
+        WCHAR* ReserveElsewhere(int maxLength);
+        WideString CommitElsewhere(int length) noexcept;
         void Leave() noexcept;
+        void DropAlone() noexcept;
 
+        Data* m_alone = nullptr; // room Reserve took in a heap block of its own, until Commit
         Block* m_block = nullptr;
         size_t m_used = 0;
         size_t m_size = 0;
