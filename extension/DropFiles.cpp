@@ -9,6 +9,8 @@
 namespace
 {
 constexpr int kPathLimit = static_cast<int>(SELECTED_PATH_CAPACITY) - 1;
+static_assert(WideString::Batch::kReserveSlack >= static_cast<int>(kCopyOverrunUnits),
+              "a reserved text has room for what the copy overwrites");
 
 // Takes back what a read appended unless it got to the closing empty name: a hostile block leaves the
 // selection as it was, as a missing one does.

@@ -1,4 +1,4 @@
-// Finding one UTF-16 unit in a run of bytes and comparing runs of units, four units per step: the readers of
+// Finding one UTF-16 unit in a run of bytes and comparing runs of units, four or eight units per step: the
 // long path lists (a selection of 100,000 files) would otherwise spend most of their time on units one by
 // one, or in a C runtime's memcmp that compares byte by byte.
 #pragma once
@@ -8,6 +8,12 @@
 #include <cstddef>
 #include <cstdint>
 #include <cstring>
+#ifdef __SSE2__
+#include <emmintrin.h>
+#endif
+
+// How many units beyond its limit CopyUntilUnit may overwrite: it stores whole words or vectors of units.
+constexpr size_t kCopyOverrunUnits = 7;
 
 namespace UnitSearchDetail
 {
@@ -35,6 +41,22 @@ inline const BYTE* FirstMatch(const BYTE* at, std::uint64_t matches) noexcept
 {
     return at + __builtin_ctzll(matches) / 16 * sizeof(WCHAR);
 }
+
+#ifdef __SSE2__
+// Eight units per step where every x64 processor can: one bit per byte of the units equal to `target`, so
+// the lowest bit is the first match's byte offset.
+constexpr std::ptrdiff_t kVectorBytes = sizeof(__m128i);
+
+inline unsigned VectorMatches(__m128i units, __m128i target) noexcept
+{
+    return static_cast<unsigned>(_mm_movemask_epi8(_mm_cmpeq_epi16(units, target)));
+}
+
+inline __m128i LoadVector(const BYTE* at) noexcept
+{
+    return _mm_loadu_si128(reinterpret_cast<const __m128i*>(at));
+}
+#endif
 } // namespace UnitSearchDetail
 
 // The first unit equal to `unit` among the whole units in [at, end), or null. The units may start at any
@@ -51,8 +73,20 @@ inline const BYTE* FindUnit(const BYTE* at, const BYTE* end, WCHAR unit) noexcep
                 return at;
         return nullptr;
     }
-    // The last word ends at the last whole unit and may overlap the one before: the units tested twice did
-    // not match the first time, so the lowest flag is still the first match.
+    // The last word (or vector) ends at the last whole unit and may overlap the one before: the units tested
+    // twice did not match the first time, so the lowest flag is still the first match.
+#ifdef __SSE2__
+    if (wholeBytes >= kVectorBytes)
+    {
+        const __m128i target = _mm_set1_epi16(static_cast<short>(unit));
+        const BYTE* lastVector = at + wholeBytes - kVectorBytes;
+        for (; at < lastVector; at += kVectorBytes)
+            if (const unsigned matches = VectorMatches(LoadVector(at), target))
+                return at + __builtin_ctz(matches);
+        const unsigned matches = VectorMatches(LoadVector(lastVector), target);
+        return matches ? lastVector + __builtin_ctz(matches) : nullptr;
+    }
+#endif
     const BYTE* last = at + wholeBytes - sizeof(std::uint64_t);
     for (; at < last; at += sizeof(std::uint64_t))
         if (const std::uint64_t matches = Matches(LoadWord(at), pattern))
@@ -61,14 +95,28 @@ inline const BYTE* FindUnit(const BYTE* at, const BYTE* end, WCHAR unit) noexcep
     return matches ? FirstMatch(last, matches) : nullptr;
 }
 
-// As FindUnit, copying the units before the match to `out` on the way, four at a time: the first `limit` of
-// them are kept, and up to three units beyond those are overwritten, so `out` needs room for `limit` + 3.
+// As FindUnit, copying the units before the match to `out` on the way, several at a time: the first `limit`
+// of them are kept, and up to kCopyOverrunUnits beyond those are overwritten, so `out` needs room for that.
 inline const BYTE* CopyUntilUnit(const BYTE* at, const BYTE* end, WCHAR unit, WCHAR* out,
                                  size_t limit) noexcept
 {
     using namespace UnitSearchDetail;
-    const std::uint64_t pattern = kLowBits * unit;
     size_t copied = 0;
+#ifdef __SSE2__
+    const __m128i target = _mm_set1_epi16(static_cast<short>(unit));
+    for (; end - at >= kVectorBytes; at += kVectorBytes)
+    {
+        const __m128i units = LoadVector(at);
+        if (copied < limit)
+        {
+            _mm_storeu_si128(reinterpret_cast<__m128i*>(out + copied), units);
+            copied += sizeof(units) / sizeof(WCHAR);
+        }
+        if (const unsigned matches = VectorMatches(units, target))
+            return at + __builtin_ctz(matches);
+    }
+#endif
+    const std::uint64_t pattern = kLowBits * unit;
     for (; end - at >= static_cast<std::ptrdiff_t>(sizeof(std::uint64_t)); at += sizeof(std::uint64_t))
     {
         const std::uint64_t word = LoadWord(at);

@@ -111,7 +111,7 @@ public:
         // for `kReserveSlack` more that it may overwrite, as it stores several units at a time. Commit, after
         // Reserve, makes the string of the first `length` units written there (length <= maxLength; 0
         // gives the empty string). Inline while the current block has room: a selection reserves per path.
-        static constexpr int kReserveSlack = 3;
+        static constexpr int kReserveSlack = 7;
         WCHAR* Reserve(int maxLength)
         {
             if (!m_alone && m_credits >= 2 && maxLength >= 0 &&

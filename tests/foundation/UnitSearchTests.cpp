@@ -44,7 +44,7 @@ TEST(UnitSearch, FindsTheFirstWholeUnitAndCopiesWhatPrecedesIt)
     for (WCHAR unit : {WCHAR(0), WCHAR(TEXT('\\'))})
         for (size_t shift : {0u, 1u})
             for (size_t extra : {0u, 1u})
-                for (size_t units = 0; units <= 20; ++units)
+                for (size_t units = 0; units <= 40; ++units)
                     for (size_t match = 0; match <= units; ++match)
                     {
                         const UnitRun run = MakeRun(shift, units, match, unit, extra);
@@ -53,14 +53,14 @@ TEST(UnitSearch, FindsTheFirstWholeUnitAndCopiesWhatPrecedesIt)
                                                         << extra << " units " << units << " match " << match);
                         ASSERT_EQ(expected, FindUnit(run.at, run.end, unit));
 
-                        for (size_t limit : {0u, 1u, 5u, 8u, 259u})
+                        for (size_t limit : {0u, 1u, 5u, 8u, 13u, 259u})
                         {
-                            std::vector<WCHAR> out(limit + 3 + 4, 0x7777);
+                            std::vector<WCHAR> out(limit + kCopyOverrunUnits + 4, 0x7777);
                             ASSERT_EQ(expected, CopyUntilUnit(run.at, run.end, unit, out.data(), limit));
                             const size_t kept = match < limit ? match : limit;
                             for (size_t i = 0; i < kept; ++i)
                                 ASSERT_EQ(kFiller[i % 4], out[i]) << i;
-                            for (size_t i = limit + 3; i < out.size(); ++i)
+                            for (size_t i = limit + kCopyOverrunUnits; i < out.size(); ++i)
                                 ASSERT_EQ(0x7777, out[i]) << "written past the room at " << i;
                         }
                     }
