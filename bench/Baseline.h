@@ -7,8 +7,9 @@
 
 #include <chrono>
 
-template <typename Measured, typename Baseline>
-void RunAgainstBaseline(benchmark::State& state, Measured&& measured, Baseline&& baseline)
+// `aside` runs after each iteration, outside both timings: for further measures taken in the same iterations.
+template <typename Measured, typename Baseline, typename Aside>
+void RunAgainstBaseline(benchmark::State& state, Measured&& measured, Baseline&& baseline, Aside&& aside)
 {
     typedef std::chrono::steady_clock Clock;
     double measuredSeconds = 0, baselineSeconds = 0;
@@ -23,9 +24,16 @@ void RunAgainstBaseline(benchmark::State& state, Measured&& measured, Baseline&&
         measuredSeconds += spent;
         baselineSeconds += std::chrono::duration<double>(end - middle).count();
         state.SetIterationTime(spent);
+        aside();
     }
     double iterations = static_cast<double>(state.iterations());
     state.counters["measured_us"] = measuredSeconds / iterations * 1e6;
     state.counters["baseline_us"] = baselineSeconds / iterations * 1e6;
     state.counters["ratio"] = baselineSeconds > 0 ? measuredSeconds / baselineSeconds : 0;
+}
+
+template <typename Measured, typename Baseline>
+void RunAgainstBaseline(benchmark::State& state, Measured&& measured, Baseline&& baseline)
+{
+    RunAgainstBaseline(state, measured, baseline, [] {});
 }
