@@ -6,6 +6,7 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <cstring>
 #include <memory>
 #include <random>
@@ -203,7 +204,8 @@ std::vector<BYTE> Wide(std::initializer_list<const WCHAR*> names, size_t closing
 std::vector<BYTE> Ansi(const std::vector<BYTE>& list)
 {
     std::vector<BYTE> block = Header(20, FALSE);
-    block.insert(block.end(), list.begin(), list.end());
+    block.resize(block.size() + list.size());
+    std::copy(list.begin(), list.end(), block.end() - static_cast<std::ptrdiff_t>(list.size()));
     return block;
 }
 
