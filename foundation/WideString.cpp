@@ -11,6 +11,7 @@ struct WideString::Batch::Block
     std::atomic<long> texts;
     size_t bytes;
 };
+static_assert(sizeof(WideString::Batch::Block) % alignof(WideString::Data) == 0, "texts start aligned");
 
 namespace
 {
@@ -166,14 +167,6 @@ int CompareText(LPCWSTR a, LPCWSTR b)
     return *a == *b ? 0 : (static_cast<unsigned>(*a) < static_cast<unsigned>(*b) ? -1 : 1);
 }
 
-namespace
-{
-constexpr size_t AlignedToData(size_t bytes)
-{
-    return (bytes + alignof(WideString::Data) - 1) / alignof(WideString::Data) * alignof(WideString::Data);
-}
-} // namespace
-
 WideString WideString::Batch::Make(const void* units, int length)
 {
     if (length < 0 || (!units && length != 0))
@@ -211,7 +204,7 @@ WCHAR* WideString::Batch::ReserveElsewhere(int maxLength)
             AtlThrow(E_OUTOFMEMORY);
         m_blockBytes = size;
         m_size = size;
-        m_used = AlignedToData(sizeof(Block));
+        m_used = sizeof(Block);
         m_credits = static_cast<long>(size / sizeof(Data)) + 1;
         m_block = static_cast<Block*>(memory);
         new (&m_block->texts) std::atomic<long>(m_credits);

@@ -117,6 +117,7 @@ bool Translate(LPCWSTR windowsPath, std::string& host, bool& lastMissing)
     for (size_t i = 0; i + 1 < parts.size(); ++i)
         host += "/" + parts[i];
     size_t first = 0;
+    bool nameMissingAsSpelt = false; // looked up just now, under the folder as spelt
     if (!parts.empty())
     {
         if (Exists(host + "/" + parts.back()))
@@ -124,7 +125,8 @@ bool Translate(LPCWSTR windowsPath, std::string& host, bool& lastMissing)
             host += "/" + parts.back();
             return true;
         }
-        if (Exists(host))
+        nameMissingAsSpelt = Exists(host);
+        if (nameMissingAsSpelt)
             first = parts.size() - 1;
         else
             host = root;
@@ -132,7 +134,7 @@ bool Translate(LPCWSTR windowsPath, std::string& host, bool& lastMissing)
     for (size_t i = first; i < parts.size(); ++i)
     {
         std::string exact = host + "/" + parts[i];
-        if (!Exists(exact))
+        if (nameMissingAsSpelt || !Exists(exact))
         {
             std::string found;
             if (DIR* dir = opendir(host.c_str()))
