@@ -150,30 +150,22 @@ struct AnswerRow
 
 TEST(ShowChooser, AnswersAndTitles)
 {
+    const UserStep velmount = ClickButton(IDC_USE_VELMOUNT_API),
+                   explorer = ClickButton(IDC_USE_DEFAULT_EXPLORER), cancel = ClickButton(IDC_CHOOSER_CANCEL);
     const AnswerRow rows[] = {
-        {"Use Velmount API", 1, {ClickButton(IDC_USE_VELMOUNT_API)}, 1, 1, u"Copy Files"},
-        {"Use Default Explorer", 2, {ClickButton(IDC_USE_DEFAULT_EXPLORER)}, 1, 2, u"Move Files"},
-        {"Cancel", 1, {ClickButton(IDC_CHOOSER_CANCEL)}, 2, 0, u"Copy Files"},
+        {"Use Velmount API", 1, {velmount}, 1, 1, u"Copy Files"},
+        {"Use Default Explorer", 2, {explorer}, 1, 2, u"Move Files"},
+        {"Cancel", 1, {cancel}, 2, 0, u"Copy Files"},
         {"Esc", 2, {PressEscape()}, 2, 0, u"Move Files"},
         {"any operation but 1 is a move", 0, {PressEscape()}, 2, 0, u"Move Files"},
-        {"any operation but 1 is a move", 7, {ClickButton(IDC_USE_VELMOUNT_API)}, 1, 1, u"Move Files"},
+        {"any operation but 1 is a move", 7, {velmount}, 1, 1, u"Move Files"},
         // IDOK ends nothing: the dialog goes on waiting, and the later click decides.
-        {"IDOK, then Cancel", 1, {SendCommand(IDOK), ClickButton(IDC_CHOOSER_CANCEL)}, 2, 0, u"Copy Files"},
-        {"IDOK, then Explorer",
-         2,
-         {SendCommand(IDOK), ClickButton(IDC_USE_DEFAULT_EXPLORER)},
-         1,
-         2,
-         u"Move Files"},
+        {"IDOK, then Cancel", 1, {SendCommand(IDOK), cancel}, 2, 0, u"Copy Files"},
+        {"IDOK, then Explorer", 2, {SendCommand(IDOK), explorer}, 1, 2, u"Move Files"},
         // The notification code in the high half of wParam is not looked at.
         {"command with a code", 1, {SendCommand(IDC_USE_DEFAULT_EXPLORER, 0x0300)}, 1, 2, u"Copy Files"},
         // Ids the dialog has no use for are not its business.
-        {"unknown id, then Velmount",
-         1,
-         {SendCommand(999), ClickButton(IDC_USE_VELMOUNT_API)},
-         1,
-         1,
-         u"Copy Files"},
+        {"unknown id, then Velmount", 1, {SendCommand(999), velmount}, 1, 1, u"Copy Files"},
     };
     for (const AnswerRow& row : rows)
     {

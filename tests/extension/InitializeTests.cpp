@@ -128,16 +128,12 @@ protected:
     std::vector<DropDataObject*> m_data;
 };
 
-// A new object holds no paths, records or bitmap, and no command sits at offset 0 (the one value a Quick
-// position may never default to).
+// A new object holds no record or bitmap, and no command sits at offset 0 (the one value a Quick position
+// may never default to).
 TEST_F(InitializeTest, ConstructionSetsTheTableValuesAndTouchesNothing)
 {
-    EXPECT_TRUE(m_object->m_selectedFiles.IsEmpty());
-    EXPECT_TRUE(m_object->m_driveCache.IsEmpty());
     EXPECT_EQ(m_object->m_targetDrive, nullptr);
     EXPECT_EQ(m_object->m_menuBitmap, nullptr);
-    EXPECT_TRUE(m_object->m_menuCommands.IsEmpty());
-    EXPECT_TRUE(m_object->m_customItems.IsEmpty());
     for (LONG position : {m_object->m_quickCopyPos, m_object->m_quickMovePos, m_object->m_quickDeletePos})
         EXPECT_EQ(position, -1);
 }
@@ -183,38 +179,29 @@ TEST_P(InitializeShapes, DecisionTableRow)
     EXPECT_NE(m_object->m_menuBitmap, nullptr);
 }
 
-const HRESULT OK = S_OK;
-INSTANTIATE_TEST_SUITE_P(
-    Rows, InitializeShapes,
-    testing::Values(
-        Shape{"BackgroundNoPath", Folder::Virtual, Data::None, Use::One, E_INVALIDARG, 0, 0, 1, 0, false,
-              false, 0},
-        Shape{"BackgroundNoMarker", Folder::Plain, Data::None, Use::One, E_INVALIDARG, 0, 0, 1, 0, true,
-              false, 0},
-        Shape{"BackgroundManaged", Folder::Managed, Data::None, Use::One, OK, 0, 1, 1, 0, true, true, 0},
-        Shape{"BackgroundWithoutUse", Folder::Managed, Data::None, Use::Missing, OK, 0, 1, 0, 0, true, true,
-              0},
-        Shape{"DropUseZero", Folder::Managed, Data::Paths, Use::Zero, E_INVALIDARG, 0, 0, 0, 0, false, false,
-              0},
-        Shape{"DropNoPath", Folder::Virtual, Data::Paths, Use::One, E_INVALIDARG, 0, 0, 1, 0, false, false,
-              0},
-        Shape{"DropNoMarker", Folder::Plain, Data::Paths, Use::One, E_INVALIDARG, 0, 0, 1, 0, true, false, 0},
-        Shape{"DropNoDropFiles", Folder::Managed, Data::NoDropFiles, Use::One, E_INVALIDARG, 0, 0, 1, 0, true,
-              true, 1},
-        Shape{"DropUnlockable", Folder::Managed, Data::Unlockable, Use::One, E_INVALIDARG, 0, 0, 1, 0, true,
-              true, 1},
-        Shape{"DropZeroPaths", Folder::Managed, Data::ZeroPaths, Use::One, E_FAIL, 0, 0, 1, 0, true, true, 1},
-        Shape{"DropPaths", Folder::Managed, Data::Paths, Use::One, OK, 0, 0, 1, 2, true, true, 1},
-        Shape{"ItemsNoDropFiles", Folder::None, Data::NoDropFiles, Use::Zero, E_INVALIDARG, 1, 0, 0, 0, false,
-              false, 1},
-        Shape{"ItemsUnlockable", Folder::None, Data::Unlockable, Use::One, E_INVALIDARG, 1, 0, 1, 0, false,
-              false, 1},
-        Shape{"ItemsZeroPaths", Folder::None, Data::ZeroPaths, Use::Missing, E_FAIL, 1, 0, 0, 0, false, false,
-              1},
-        Shape{"ItemsUseZero", Folder::None, Data::Paths, Use::Zero, OK, 1, 0, 0, 2, false, false, 1},
-        Shape{"ItemsUseOne", Folder::None, Data::Paths, Use::One, OK, 1, 0, 1, 2, false, false, 1},
-        Shape{"Nothing", Folder::None, Data::None, Use::One, E_FAIL, 1, 0, 1, 0, false, false, 0}),
-    [](const testing::TestParamInfo<Shape>& info) { return std::string(info.param.name); });
+const HRESULT OK = S_OK, BAD = E_INVALIDARG;
+const Shape SHAPES[] = {
+    {"BackgroundNoPath", Folder::Virtual, Data::None, Use::One, BAD, 0, 0, 1, 0, false, false, 0},
+    {"BackgroundNoMarker", Folder::Plain, Data::None, Use::One, BAD, 0, 0, 1, 0, true, false, 0},
+    {"BackgroundManaged", Folder::Managed, Data::None, Use::One, OK, 0, 1, 1, 0, true, true, 0},
+    {"BackgroundWithoutUse", Folder::Managed, Data::None, Use::Missing, OK, 0, 1, 0, 0, true, true, 0},
+    {"DropUseZero", Folder::Managed, Data::Paths, Use::Zero, BAD, 0, 0, 0, 0, false, false, 0},
+    {"DropNoPath", Folder::Virtual, Data::Paths, Use::One, BAD, 0, 0, 1, 0, false, false, 0},
+    {"DropNoMarker", Folder::Plain, Data::Paths, Use::One, BAD, 0, 0, 1, 0, true, false, 0},
+    {"DropNoDropFiles", Folder::Managed, Data::NoDropFiles, Use::One, BAD, 0, 0, 1, 0, true, true, 1},
+    {"DropUnlockable", Folder::Managed, Data::Unlockable, Use::One, BAD, 0, 0, 1, 0, true, true, 1},
+    {"DropZeroPaths", Folder::Managed, Data::ZeroPaths, Use::One, E_FAIL, 0, 0, 1, 0, true, true, 1},
+    {"DropPaths", Folder::Managed, Data::Paths, Use::One, OK, 0, 0, 1, 2, true, true, 1},
+    {"ItemsNoDropFiles", Folder::None, Data::NoDropFiles, Use::Zero, BAD, 1, 0, 0, 0, false, false, 1},
+    {"ItemsUnlockable", Folder::None, Data::Unlockable, Use::One, BAD, 1, 0, 1, 0, false, false, 1},
+    {"ItemsZeroPaths", Folder::None, Data::ZeroPaths, Use::Missing, E_FAIL, 1, 0, 0, 0, false, false, 1},
+    {"ItemsUseZero", Folder::None, Data::Paths, Use::Zero, OK, 1, 0, 0, 2, false, false, 1},
+    {"ItemsUseOne", Folder::None, Data::Paths, Use::One, OK, 1, 0, 1, 2, false, false, 1},
+    {"Nothing", Folder::None, Data::None, Use::One, E_FAIL, 1, 0, 1, 0, false, false, 0},
+};
+INSTANTIATE_TEST_SUITE_P(Rows, InitializeShapes, testing::ValuesIn(SHAPES),
+                         [](const testing::TestParamInfo<Shape>& info)
+                         { return std::string(info.param.name); });
 
 TEST_F(InitializeTest, DropKeepsTheShellsOrderAndCase)
 {

@@ -59,10 +59,19 @@ public:
 
     void TearDown() override { DestroyMenu(menu); }
 
-    // As Initialize leaves a drop onto `target`: its record, the drop effect, the keys, the paths.
-    void ArrangeDrop(LPCWSTR target, std::vector<LPCWSTR> files, LONG dropEffect, LONG keys = 0)
+    // The loops below run each case on a fresh object, menu and drive.
+    void Restart()
     {
-        object->m_targetFolder = drive.Path(target);
+        TearDown();
+        SetUp();
+    }
+
+    // As Initialize leaves a drop onto "dest" with the marker given: its record, the drop effect, the keys,
+    // the paths.
+    void ArrangeDrop(LPCWSTR marker, std::vector<LPCWSTR> files, LONG dropEffect, LONG keys = 0)
+    {
+        drive.WriteMarker(TEXT("dest"), marker);
+        object->m_targetFolder = drive.Path(TEXT("dest"));
         object->m_targetDrive = object->ReadDriveMarker(object->m_targetFolder);
         ASSERT_NE(object->m_targetDrive, nullptr);
         object->m_useApi = 1;
@@ -80,9 +89,11 @@ public:
             object->m_selectedFiles.AddTail(drive.Path(item));
     }
 
-    void ArrangeBackground(LPCWSTR folder)
+    // A click on the background of "shares", with the marker given.
+    void ArrangeBackground(LPCWSTR marker)
     {
-        object->m_targetFolder = drive.Path(folder);
+        drive.WriteMarker(TEXT("shares"), marker);
+        object->m_targetFolder = drive.Path(TEXT("shares"));
         object->m_targetDrive = object->ReadDriveMarker(object->m_targetFolder);
         ASSERT_NE(object->m_targetDrive, nullptr);
         object->m_backgroundContext = 1;
@@ -174,12 +185,10 @@ TEST_F(MenuEdge, Example1DragWithinOneDrive)
     for (LPCWSTR defaultAction : {TEXT("0"), TEXT("1"), TEXT("2")})
     {
         SCOPED_TRACE(Narrow(defaultAction));
-        TearDown();
-        SetUp();
+        Restart();
         WideString marker(TEXT("K=vm-77|CI=T|MI=T|RM=\\dest\\.Velmount|DA="));
         marker.Append(defaultAction);
-        drive.WriteMarker(TEXT("dest"), marker);
-        ArrangeDrop(TEXT("dest"), {TEXT("src\\a.txt"), TEXT("src\\b.txt")}, 0);
+        ArrangeDrop(marker, {TEXT("src\\a.txt"), TEXT("src\\b.txt")}, 0);
         ShellDropMenu(true, true, 2);
 
         EXPECT_EQ(Query(0, 100), 4);
@@ -206,10 +215,9 @@ TEST_F(MenuEdge, Example2DragFromOutsideTheDrive)
     for (LONG keys : {LONG(0), LONG(MODIFIER_SHIFT)})
     {
         SCOPED_TRACE(keys);
-        TearDown();
-        SetUp();
-        drive.WriteMarker(TEXT("dest"), TEXT("K=vm-77|CI=T|MI=T|DA=2|RM=\\dest\\.Velmount"));
-        ArrangeDrop(TEXT("dest"), {TEXT("plain\\a.txt"), TEXT("plain\\b.txt")}, 0, keys);
+        Restart();
+        ArrangeDrop(TEXT("K=vm-77|CI=T|MI=T|DA=2|RM=\\dest\\.Velmount"),
+                    {TEXT("plain\\a.txt"), TEXT("plain\\b.txt")}, 0, keys);
         ShellDropMenu(true, true, 1);
 
         EXPECT_EQ(Query(0, 100), 3);
@@ -244,13 +252,10 @@ TEST_F(MenuEdge, Example3ChooserForACopy)
     for (const ChooserCase& each : cases)
     {
         SCOPED_TRACE(each.what);
-        TearDown();
-        SetUp();
-        drive.WriteMarker(TEXT("dest"), TEXT("K=vm-77|CI=T|DA=0|RM=\\dest\\.Velmount"));
-        ArrangeDrop(TEXT("dest"), {TEXT("plain\\a.txt")}, 1);
+        Restart();
+        ArrangeDrop(TEXT("K=vm-77|CI=T|DA=0|RM=\\dest\\.Velmount"), {TEXT("plain\\a.txt")}, 1);
         ShellDropMenu(true, false, 1);
-        RECT ownerRect{200, 150, 900, 650};
-        HWND owner = CreateOwnerWindow(ownerRect, true, false);
+        HWND owner = CreateOwnerWindow(RECT{200, 150, 900, 650}, true, false);
         SetForegroundWindow(owner);
         HWND foreground = GetForegroundWindow();
 
@@ -271,8 +276,7 @@ TEST_F(MenuEdge, Example3ChooserForACopy)
 #ifndef _WIN32 // a dialog that cannot be shown is arranged through the stand-in only
 TEST_F(MenuEdge, Example3ChooserThatCannotBeShownCountsAsACancel)
 {
-    drive.WriteMarker(TEXT("dest"), TEXT("K=vm-77|CI=T|DA=0|RM=\\dest\\.Velmount"));
-    ArrangeDrop(TEXT("dest"), {TEXT("plain\\a.txt")}, 1);
+    ArrangeDrop(TEXT("K=vm-77|CI=T|DA=0|RM=\\dest\\.Velmount"), {TEXT("plain\\a.txt")}, 1);
     ShellDropMenu(true, false, 1);
     VmHost::ScriptDialogCannotShow();
     EXPECT_EQ(Query(0, 100), 3);
@@ -308,18 +312,13 @@ TEST_F(MenuEdge, Example3MoveOfferedAlone)
     for (const auto& each : cases)
     {
         SCOPED_TRACE(each.what);
-        TearDown();
-        SetUp();
-        drive.WriteMarker(TEXT("dest"), each.marker);
-        ArrangeDrop(TEXT("dest"), {each.source}, 2);
+        Restart();
+        ArrangeDrop(each.marker, {each.source}, 2);
         ShellDropMenu(false, true, 2);
         DialogAnswer answer({each.answer});
         EXPECT_EQ(Query(0, 100), each.result);
         EXPECT_EQ(answer.Seen().shown, each.asked);
-        if (each.asked)
-        {
-            EXPECT_EQ(answer.Seen().title, u"Move Files");
-        }
+        EXPECT_EQ(answer.Seen().title, each.asked ? u"Move Files" : u"");
         EXPECT_EQ(Lines(), each.lines);
         EXPECT_EQ(Records(), each.records);
         EXPECT_EQ(DefaultItem(), each.defaultItem);
@@ -405,19 +404,17 @@ TEST_F(MenuEdge, Example5SeveralFiles)
     for (bool di : {true, false})
     {
         SCOPED_TRACE(di ? "di" : "no di");
-        TearDown();
-        SetUp();
+        Restart();
         drive.WriteMarker(TEXT("docs"), di ? TEXT("K=vm-77|DI=T|RM=\\docs\\.Velmount")
                                            : TEXT("K=vm-77|RM=\\docs\\.Velmount"));
         ArrangeItems({TEXT("docs\\a.txt"), TEXT("docs\\b.txt"), TEXT("docs\\c.txt")});
         ShellEntries(
             {{30, TEXT("Open")}, {31, TEXT("Print")}, {32, TEXT("Edit")}, {0, nullptr}, {33, TEXT("Cut")}});
         EXPECT_EQ(Query(5, 200), di ? 3 : 1);
+        Lines_ lines{"30 Open", "31 Print", "32 Edit", "-", "33 Cut", "-"};
         if (di)
-            EXPECT_EQ(Lines(), (Lines_{"30 Open", "31 Print", "32 Edit", "-", "33 Cut", "-",
-                                       "201 Velmount Quick Delete +", "-"}));
-        else
-            EXPECT_EQ(Lines(), (Lines_{"30 Open", "31 Print", "32 Edit", "-", "33 Cut", "-"}));
+            lines.insert(lines.end(), {"201 Velmount Quick Delete +", "-"});
+        EXPECT_EQ(Lines(), lines);
         EXPECT_EQ(Records(), di ? Lines_{"1, 14, vm-77"} : Lines_{});
         EXPECT_EQ(object->m_sameDrive, 1);
         ASSERT_NE(object->m_targetDrive, nullptr);
@@ -442,8 +439,7 @@ TEST_F(MenuEdge, ItemsMenuWithTheShellsCopyAndMoveGetsQuickCopyAndMove)
 
 TEST_F(MenuEdge, Example6Background)
 {
-    drive.WriteMarker(TEXT("shares"), TEXT("K=vm-77|RM=\\shares\\.Velmount|FMI=New share=51"));
-    ArrangeBackground(TEXT("shares"));
+    ArrangeBackground(TEXT("K=vm-77|RM=\\shares\\.Velmount|FMI=New share=51"));
     ShellDropMenu(true, true, 1); // the probe does not run for a background: ids 1 and 2 count for nothing
     AppendMenuW(menu, MF_STRING, 40, TEXT("View"));
     EXPECT_EQ(Query(3, 300), 3);
@@ -455,8 +451,7 @@ TEST_F(MenuEdge, Example6Background)
 
 TEST_F(MenuEdge, Example6BackgroundWithoutItems)
 {
-    drive.WriteMarker(TEXT("shares"), TEXT("K=vm-77|CI=T|MI=T|DI=T|DA=2|RM=\\shares\\.Velmount"));
-    ArrangeBackground(TEXT("shares"));
+    ArrangeBackground(TEXT("K=vm-77|CI=T|MI=T|DI=T|DA=2|RM=\\shares\\.Velmount"));
     ShellEntries({{40, TEXT("View")}, {41, TEXT("Sort by")}, {42, TEXT("Refresh")}});
     EXPECT_EQ(Query(3, 300), 1);
     EXPECT_EQ(Lines(), (Lines_{"40 View", "41 Sort by", "42 Refresh", "-"}));
@@ -468,8 +463,7 @@ TEST_F(MenuEdge, Example6BackgroundWithoutItems)
 
 TEST_F(MenuEdge, DefaultOnlyAddsNothingAndChangesNothing)
 {
-    drive.WriteMarker(TEXT("dest"), TEXT("K=vm-77|CI=T|MI=T|DA=2|RM=\\dest\\.Velmount"));
-    ArrangeDrop(TEXT("dest"), {TEXT("src\\a.txt")}, 0);
+    ArrangeDrop(TEXT("K=vm-77|CI=T|MI=T|DA=2|RM=\\dest\\.Velmount"), {TEXT("src\\a.txt")}, 0);
     ShellDropMenu(true, true, 2);
     object->m_shellItemMask = 7;
     object->m_shellDefaultItem = 5;
@@ -490,35 +484,29 @@ TEST_F(MenuEdge, NothingIsAdded)
         {"a folder without a marker of its own, on a managed drive",
          [](MenuEdge& t)
          {
-             t.drive.WriteMarker(TEXT("docs"), TEXT("K=vm-77|DI=T|RM=\\docs\\.Velmount"));
              t.drive.MakeFolder(TEXT("docs\\sub"));
              t.ArrangeItems({TEXT("docs\\sub")});
          }},
         {"items on two managed drives",
          [](MenuEdge& t)
          {
-             t.drive.WriteMarker(TEXT("docs"), TEXT("K=vm-77|DI=T|RM=\\docs\\.Velmount"));
              t.drive.WriteMarker(TEXT("other"), TEXT("K=vm-99|DI=T|RM=\\other\\.Velmount"));
              t.ArrangeItems({TEXT("docs\\a.txt"), TEXT("other\\b.txt")});
          }},
         {"a second item on no drive",
-         [](MenuEdge& t)
-         {
-             t.drive.WriteMarker(TEXT("docs"), TEXT("K=vm-77|DI=T|RM=\\docs\\.Velmount"));
+         [](MenuEdge& t) {
              t.ArrangeItems({TEXT("docs\\a.txt"), TEXT("plain\\b.txt")});
          }},
         {"a drop with effect 1 and both commands",
          [](MenuEdge& t)
          {
-             t.drive.WriteMarker(TEXT("dest"), TEXT("K=vm-77|CI=T|MI=T|RM=\\dest\\.Velmount"));
-             t.ArrangeDrop(TEXT("dest"), {TEXT("src\\a.txt")}, 1);
+             t.ArrangeDrop(TEXT("K=vm-77|CI=T|MI=T|RM=\\dest\\.Velmount"), {TEXT("src\\a.txt")}, 1);
              t.ShellDropMenu(true, true, 1);
          }},
         {"a drop with no default and no keys",
          [](MenuEdge& t)
          {
-             t.drive.WriteMarker(TEXT("dest"), TEXT("K=vm-77|CI=T|MI=T|RM=\\dest\\.Velmount"));
-             t.ArrangeDrop(TEXT("dest"), {TEXT("src\\a.txt")}, 0);
+             t.ArrangeDrop(TEXT("K=vm-77|CI=T|MI=T|RM=\\dest\\.Velmount"), {TEXT("src\\a.txt")}, 0);
              t.ShellDropMenu(true, true, 0);
          }},
         {"a background without a record", [](MenuEdge& t) { t.object->m_backgroundContext = 1; }},
@@ -526,8 +514,9 @@ TEST_F(MenuEdge, NothingIsAdded)
     for (const auto& each : cases)
     {
         SCOPED_TRACE(each.what);
-        TearDown();
-        SetUp();
+        Restart();
+        // The items cases select on this drive.
+        drive.WriteMarker(TEXT("docs"), TEXT("K=vm-77|DI=T|RM=\\docs\\.Velmount"));
         each.arrange(*this);
         Lines_ before = Lines();
         EXPECT_EQ(Query(2, 100), 0);
@@ -538,9 +527,9 @@ TEST_F(MenuEdge, NothingIsAdded)
 
 TEST_F(MenuEdge, ValidateSelection)
 {
-    drive.WriteMarker(TEXT("dest"), TEXT("K=vm-77|RM=\\dest\\.Velmount"));
     // A drop: a path from elsewhere clears m_sameDrive and ends the walk; still valid.
-    ArrangeDrop(TEXT("dest"), {TEXT("src\\a.txt"), TEXT("plain\\b.txt"), TEXT("src\\c.txt")}, 0);
+    ArrangeDrop(TEXT("K=vm-77|RM=\\dest\\.Velmount"),
+                {TEXT("src\\a.txt"), TEXT("plain\\b.txt"), TEXT("src\\c.txt")}, 0);
     EXPECT_EQ(object->ValidateSelection(), S_OK);
     EXPECT_EQ(object->m_sameDrive, 0);
     // Items: no selection, no menu.

@@ -98,9 +98,8 @@ const DropRow DROP_TABLE[] = {
     {0, {2}, {0}, SHIFT_HELD, 2, 0, true},
     {0, {2}, {0}, NO_SHIFT, 0, 0, false},
     {0, {3}, {2}, ANY, 2, 0, true},
-    {0, {3}, {1}, SHIFT_HELD, 2, 0, true},
+    {0, {3}, {0, 1}, SHIFT_HELD, 2, 0, true},
     {0, {3}, {1}, NO_SHIFT, 1, 0, true},
-    {0, {3}, {0}, SHIFT_HELD, 2, 0, true},
     {0, {3}, {0}, CTRL_NO_SHIFT, 1, 0, true},
     {0, {3}, {0}, NEITHER, 0, 0, false},
     {1, {1}, ANY_DEFAULT, ANY, 1, 1, true},
@@ -264,12 +263,10 @@ struct ParsedItem
     bool operator==(const ParsedItem& other) const { return caption == other.caption && code == other.code; }
 };
 
-std::vector<ParsedItem> Parse(LPCWSTR text, int* count = nullptr)
+std::vector<ParsedItem> Parse(LPCWSTR text)
 {
     NodeList<CustomMenuItem*> items;
-    int returned = ParseCustomMenuItems(WideString(text), items);
-    if (count)
-        *count = returned;
+    ParseCustomMenuItems(WideString(text), items);
     std::vector<ParsedItem> out;
     for (POSITION p = items.GetHeadPosition(); p;)
     {
