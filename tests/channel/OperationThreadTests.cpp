@@ -64,13 +64,6 @@ struct ClosingPauses
 };
 #endif
 
-Bytes CancelBytes()
-{
-    Bytes cancel(64, 0);
-    cancel[0] = 0x51;
-    return cancel;
-}
-
 // A recording dialog and a key of the test's own, with a fake service on it once the test names its script.
 class OperationThreadTest : public testing::Test
 {
@@ -163,7 +156,9 @@ TEST_F(OperationThreadTest, CancelGoesOutOnceAndTheReportsAfterItStillCount)
     EXPECT_EQ(1, service.CancelsReceived());
     std::vector<ReceivedMessage> received = service.Received();
     ASSERT_EQ(2u, received.size());
-    EXPECT_EQ(CancelBytes(), received[1].bytes);
+    Bytes cancel(64, 0);
+    cancel[0] = 0x51;
+    EXPECT_EQ(cancel, received[1].bytes);
     EXPECT_GT(dialogs.journal.statusQueries.load(), 5) << "several trips saw the cancelled status";
     Calls calls = CallsAfterStart(dialogs.journal);
     ASSERT_GE(calls.size(), 3u);

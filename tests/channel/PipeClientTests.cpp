@@ -121,13 +121,6 @@ TEST_F(PipeClientTest, AConnectedClientAsksNothingOfTheSystemAndWaitsForNothing)
     // A name that has no pipe at all: only a client that never looks it up can answer 1.
     EXPECT_EQ(1, m_client.Open(UniquePipeName().c_str()));
     EXPECT_EQ(1, m_client.IsOpen());
-
-    // Nothing waiting leaves the count and the connection.
-    BYTE buffer[64];
-    DWORD count = UNWRITTEN;
-    EXPECT_EQ(0, m_client.Read(buffer, sizeof buffer, &count));
-    EXPECT_EQ(UNWRITTEN, count);
-    EXPECT_EQ(1, m_client.IsOpen());
 }
 
 // Messages of capacity - 1, capacity and capacity + 1 bytes; after each comes a marker message, which must
@@ -173,7 +166,7 @@ TEST_F(PipeClientTest, TheRestOfAnOversizeMessageIsDroppedEvenWhenNothingFollows
     count = UNWRITTEN;
     EXPECT_EQ(0, m_client.Read(buffer, sizeof buffer, &count));
     EXPECT_EQ(UNWRITTEN, count) << "the rest was delivered as a message";
-    EXPECT_EQ(1, m_client.IsOpen());
+    EXPECT_EQ(1, m_client.IsOpen()) << "nothing waiting leaves the connection";
 }
 
 TEST_F(PipeClientTest, AServiceThatGoesAwayBreaksTheClient)
