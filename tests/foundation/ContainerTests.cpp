@@ -161,7 +161,7 @@ TEST(BinMap, HashEqualKeysAreDistinctAndGrowthReversesTheirChain)
     EXPECT_EQ(pair, (std::vector<std::u16string>{u"Ab", u"BA"}));
 }
 
-TEST(BinMap, EmptyMapsIterateNothingAndRejectNullKeys)
+TEST(BinMap, EmptyMapsIterateNothingRejectNullKeysAndReleaseTheirKeys)
 {
     BinMap<int> never;
     EXPECT_EQ(never.GetStartPosition(), nullptr);
@@ -169,21 +169,15 @@ TEST(BinMap, EmptyMapsIterateNothingAndRejectNullKeys)
     EXPECT_FALSE(never.Lookup(TEXT("x:"), value));
     EXPECT_THROW(never.Lookup(nullptr, value), CAtlException);
 
+    // A key is shared, not copied, and RemoveAll gives it back.
+    WideString key(TEXT("x:\\photos"));
     BinMap<int> emptied;
-    emptied.SetAt(WideString(TEXT("x:")), 1);
+    emptied.SetAt(key, 1);
+    EXPECT_EQ(key.GetShareCount(), 2);
     emptied.RemoveAll();
+    EXPECT_EQ(key.GetShareCount(), 1);
     EXPECT_EQ(emptied.GetStartPosition(), nullptr);
     EXPECT_EQ(emptied.GetCount(), 0u);
     emptied.SetAt(WideString(TEXT("y:")), 2);
     EXPECT_EQ(KeysInOrder(emptied), (std::vector<std::u16string>{u"y:"}));
-}
-
-TEST(BinMap, KeysAreSharedNotCopiedAndReleasedByRemoveAll)
-{
-    WideString key(TEXT("x:\\photos"));
-    BinMap<int> map;
-    map.SetAt(key, 1);
-    EXPECT_EQ(key.GetShareCount(), 2);
-    map.RemoveAll();
-    EXPECT_EQ(key.GetShareCount(), 1);
 }

@@ -13,7 +13,6 @@
 #include <algorithm>
 #include <atomic>
 #include <filesystem>
-#include <functional>
 #include <string>
 #include <vector>
 
@@ -340,50 +339,37 @@ TEST_F(RegistrationTest, ExportsWriteTheirTraceLinesAndOnlyRegistrationNotifies)
 {
     ProductCopy library("Velmount");
     ASSERT_TRUE(library.Loaded());
-    const std::u16string PREFIX = u"Velmount Copy Extension : ";
+    // In this order each row finds the registry as it needs it; the refused ones find no approved list.
     const struct
     {
         const char* what;
-        std::function<HRESULT()> call;
+        bool viaInstall, registering;
         HRESULT result;
-        std::vector<std::u16string> lines;
+        std::vector<std::u16string> exports; // the lines written, behind the product's prefix
         DWORD notifications;
     } rows[] = {
-        {"register", [&] { return library.Register(); }, S_OK, {PREFIX + u"DllRegisterServer"}, 1},
-        {"unregister", [&] { return library.Unregister(); }, S_OK, {PREFIX + u"DllUnregisterServer"}, 0},
-        {"install",
-         [&] { return library.Install(TRUE, nullptr); },
-         S_OK,
-         {PREFIX + u"DllInstall", PREFIX + u"DllRegisterServer"},
-         1},
-        {"uninstall",
-         [&] { return library.Install(FALSE, nullptr); },
-         S_OK,
-         {PREFIX + u"DllInstall", PREFIX + u"DllUnregisterServer"},
-         0},
-        {"refused register",
-         [&]
-         {
-             DeleteTree(HKEY_LOCAL_MACHINE, APPROVED);
-             return library.Register();
-         },
-         E_ACCESSDENIED,
-         {},
-         0},
-        {"refused install, which cleans up",
-         [&] { return library.Install(TRUE, nullptr); },
-         E_ACCESSDENIED,
-         {PREFIX + u"DllInstall", PREFIX + u"DllUnregisterServer"},
-         0},
+        {"register", false, true, S_OK, {u"DllRegisterServer"}, 1},
+        {"unregister", false, false, S_OK, {u"DllUnregisterServer"}, 0},
+        {"install", true, true, S_OK, {u"DllInstall", u"DllRegisterServer"}, 1},
+        {"uninstall", true, false, S_OK, {u"DllInstall", u"DllUnregisterServer"}, 0},
+        {"refused register", false, true, E_ACCESSDENIED, {}, 0},
+        {"refused install cleans up", true, true, E_ACCESSDENIED, {u"DllInstall", u"DllUnregisterServer"}, 0},
     };
     for (const auto& row : rows)
     {
         SCOPED_TRACE(row.what);
+        if (FAILED(row.result))
+            DeleteTree(HKEY_LOCAL_MACHINE, APPROVED);
         VmHostResetShellChanges();
         VmHost::RecordDebugOutput(true);
-        EXPECT_EQ(row.result, row.call());
+        EXPECT_EQ(row.result, row.viaInstall    ? library.Install(row.registering, nullptr)
+                              : row.registering ? library.Register()
+                                                : library.Unregister());
         VmHost::RecordDebugOutput(false);
-        EXPECT_EQ(row.lines, VmHost::DebugOutput());
+        std::vector<std::u16string> lines;
+        for (const std::u16string& name : row.exports)
+            lines.push_back(u"Velmount Copy Extension : " + name);
+        EXPECT_EQ(lines, VmHost::DebugOutput());
         VmHostShellChange last = {};
         ASSERT_EQ(row.notifications, VmHostShellChangeCount(&last));
         if (row.notifications)

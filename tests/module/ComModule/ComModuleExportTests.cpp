@@ -242,47 +242,34 @@ TEST_F(ComModuleExports, AggregationOnlyThroughIUnknown)
 // its second line only past the CMF_DEFAULTONLY test.
 TEST_F(ComModuleExports, EntryPointsWriteTheirTraceLines)
 {
-    const std::u16string PREFIX = u"Velmount Copy Extension : ";
+    IShellExtInit* init = nullptr;
+    IContextMenu* menu = nullptr;
+    char verb[16] = {};
     const struct
     {
-        const char* what;
-        std::function<void(IShellExtInit*, IContextMenu*)> call;
-        std::vector<std::u16string> lines;
+        std::function<void()> call;
+        std::vector<std::u16string> lines; // behind the product's prefix
     } rows[] = {
-        {"Initialize",
-         [](IShellExtInit* init, IContextMenu*) { init->Initialize(nullptr, nullptr, nullptr); },
-         {PREFIX + u"Initialize 2019.12.14.1"}},
-        {"QueryContextMenu for the default only",
-         [](IShellExtInit*, IContextMenu* menu)
-         { menu->QueryContextMenu(nullptr, 0, 1, 100, CMF_DEFAULTONLY); },
-         {PREFIX + u"QueryContextMenu"}},
-        {"QueryContextMenu",
-         [](IShellExtInit*, IContextMenu* menu) { menu->QueryContextMenu(nullptr, 0, 1, 100, 0); },
-         {PREFIX + u"QueryContextMenu", PREFIX + u"GetDefaultMenu"}},
-        {"InvokeCommand",
-         [](IShellExtInit*, IContextMenu* menu) { menu->InvokeCommand(nullptr); },
-         {PREFIX + u"InvokeCommand"}},
-        {"GetCommandString",
-         [](IShellExtInit*, IContextMenu* menu)
-         {
-             char text[16] = {};
-             menu->GetCommandString(0, GCS_VERBA, nullptr, text, sizeof(text));
-         },
-         {}},
+        {[&] { init->Initialize(nullptr, nullptr, nullptr); }, {u"Initialize 2019.12.14.1"}},
+        {[&] { menu->QueryContextMenu(nullptr, 0, 1, 100, CMF_DEFAULTONLY); }, {u"QueryContextMenu"}},
+        {[&] { menu->QueryContextMenu(nullptr, 0, 1, 100, 0); }, {u"QueryContextMenu", u"GetDefaultMenu"}},
+        {[&] { menu->InvokeCommand(nullptr); }, {u"InvokeCommand"}},
+        {[&] { menu->GetCommandString(0, GCS_VERBA, nullptr, verb, sizeof(verb)); }, {}},
     };
     IClassFactory* factory = Factory();
     ASSERT_NE(nullptr, factory);
     for (const auto& row : rows)
     {
-        SCOPED_TRACE(row.what);
-        IShellExtInit* init = nullptr;
+        SCOPED_TRACE(&row - rows);
         ASSERT_EQ(S_OK, factory->CreateInstance(nullptr, IID_IShellExtInit, reinterpret_cast<void**>(&init)));
-        IContextMenu* menu = nullptr;
         ASSERT_EQ(S_OK, init->QueryInterface(IID_IContextMenu, reinterpret_cast<void**>(&menu)));
         VmHost::RecordDebugOutput(true);
-        row.call(init, menu);
+        row.call();
         VmHost::RecordDebugOutput(false);
-        EXPECT_EQ(row.lines, VmHost::DebugOutput());
+        std::vector<std::u16string> lines;
+        for (const std::u16string& line : row.lines)
+            lines.push_back(u"Velmount Copy Extension : " + line);
+        EXPECT_EQ(lines, VmHost::DebugOutput());
         menu->Release();
         init->Release();
     }

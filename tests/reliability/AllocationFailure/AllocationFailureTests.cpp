@@ -86,11 +86,9 @@ protected:
     Results Road(long failAt)
     {
         Shape shape = GetParam();
-        std::vector<WideString> paths;
-        if (shape == Shape::Drop)
-            paths = {drive.Path(TEXT("Plain\\a.txt")), drive.Path(TEXT("Plain\\b.txt"))};
-        else
-            paths = {drive.Path(TEXT("Managed\\a.txt")), drive.Path(TEXT("Managed\\b.txt"))};
+        const std::basic_string<WCHAR> from = shape == Shape::Drop ? TEXT("Plain\\") : TEXT("Managed\\");
+        std::vector<WideString> paths = {drive.Path((from + TEXT("a.txt")).c_str()),
+                                         drive.Path((from + TEXT("b.txt")).c_str())};
         DropDataObject* data = shape == Shape::Background ? nullptr : DropDataObject::Create(paths);
         std::unique_ptr<ItemIdList> folder;
         if (shape != Shape::Items)
