@@ -167,16 +167,6 @@ int CompareText(LPCWSTR a, LPCWSTR b)
     return *a == *b ? 0 : (static_cast<unsigned>(*a) < static_cast<unsigned>(*b) ? -1 : 1);
 }
 
-WideString WideString::Batch::Make(const void* units, int length)
-{
-    if (length < 0 || (!units && length != 0))
-        AtlThrow(E_INVALIDARG);
-    if (length == 0)
-        return WideString();
-    std::memcpy(Reserve(length), units, static_cast<size_t>(length) * sizeof(WCHAR));
-    return Commit(length);
-}
-
 WCHAR* WideString::Batch::ReserveElsewhere(int maxLength)
 {
     if (maxLength < 0)

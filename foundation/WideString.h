@@ -104,9 +104,6 @@ public:
         Batch(const Batch&) = delete;
         Batch& operator=(const Batch&) = delete;
 
-        // A string of the `length` UTF-16 units at `units`, which may lie at any byte address.
-        WideString Make(const void* units, int length);
-
         // For a reader that copies while it looks for a text's end: room for up to `maxLength` units, and
         // for `kReserveSlack` more that it may overwrite, as it stores several units at a time. Commit, after
         // Reserve, makes the string of the first `length` units written there (length <= maxLength; 0

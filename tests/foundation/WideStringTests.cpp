@@ -4,6 +4,7 @@
 #include <gtest/gtest.h>
 
 #include <atomic>
+#include <cstring>
 #include <memory>
 #include <string>
 #include <thread>
@@ -226,6 +227,14 @@ TEST(WideString, BufferWritingSetsLength)
 
 namespace
 {
+// A text written in place, as the selection reader writes each name.
+WideString Written(WideString::Batch& batch, const std::u16string& text)
+{
+    const int length = static_cast<int>(text.size());
+    std::memcpy(batch.Reserve(length), text.data(), text.size() * sizeof(char16_t));
+    return batch.Commit(length);
+}
+
 void CheckBatchStrings()
 {
     std::vector<std::u16string> texts;
@@ -236,15 +245,9 @@ void CheckBatchStrings()
     std::vector<WideString> made;
     {
         WideString::Batch batch;
-        std::vector<unsigned char> odd;
         for (const std::u16string& text : texts)
-        {
-            odd.assign(1, 0);
-            odd.insert(odd.end(), reinterpret_cast<const unsigned char*>(text.data()),
-                       reinterpret_cast<const unsigned char*>(text.data() + text.size()));
-            made.push_back(batch.Make(odd.data() + 1, static_cast<int>(text.size())));
-        }
-        EXPECT_EQ(HRESULT(E_INVALIDARG), RaisedBy([&] { batch.Make(nullptr, 1); }));
+            made.push_back(Written(batch, text));
+        EXPECT_EQ(HRESULT(E_INVALIDARG), RaisedBy([&] { batch.Reserve(-1); }));
         // Room reserved and not taken, in a block or on its own, goes with the batch (ASan: no leak).
         batch.Reserve(70000)[69999] = u'x';
         EXPECT_TRUE(batch.Commit(0).IsEmpty());
@@ -274,9 +277,9 @@ void CheckBatchStrings()
 }
 } // namespace
 
-// Texts of a batch share blocks, yet each string must behave as if it had its own: read back exactly (also
-// from an odd byte address), written privately, outliving the batch, and its block freed only with the
-// last of them, in any order (ASan in host-asan reports a block freed early or never).
+// Texts of a batch share blocks, yet each string must behave as if it had its own: read back exactly, written
+// privately, outliving the batch, and its block freed only with the last of them, in any order (ASan in
+// host-asan reports a block freed early or never).
 // The second round gets the largest blocks the first gave back.
 TEST(WideString, BatchStringsAreOrdinaryStrings)
 {
@@ -298,8 +301,7 @@ TEST(WideString, CopiesAreWrittenAndReleasedOnOtherThreads)
     auto batch = std::make_unique<WideString::Batch>();
     for (int i = 0; i < COUNT; ++i)
     {
-        WideString text = i % 2 ? WideString(TEXT("Shared Path Of Item "))
-                                : batch->Make(original.data(), static_cast<int>(original.size()));
+        WideString text = i % 2 ? WideString(TEXT("Shared Path Of Item ")) : Written(*batch, original);
         lowered.push_back(text);
         appended.push_back(text);
     }
