@@ -60,7 +60,9 @@ constexpr size_t kLargestBlockBytes = 256 * 1024;
 // batch takes each of those once) and four of the largest. Given back a selection's worth at once, the heap
 // returned their pages to the system and the next right-click took them again page fault by page fault:
 // under Wine most of a 10,000-file menu's time, and of a 1,000-file menu's selection. The kept blocks (1.25
-// MB) cover a 10,000-file menu; what a larger one frees beyond them goes back to the heap.
+// MB) cover a 10,000-file menu; what a larger one frees beyond them goes back to the heap. They are kept only
+// while menus come in quick succession: the library's owner frees them all once it has nothing in use
+// (FreeSpareBlocks), so one large selection does not leave them with a file manager that runs for weeks.
 class SpareBlocks
 {
 public:
@@ -68,10 +70,13 @@ public:
     SpareBlocks(const SpareBlocks&) = delete;
     SpareBlocks& operator=(const SpareBlocks&) = delete;
     // The library may be unloaded with blocks kept.
-    ~SpareBlocks()
+    ~SpareBlocks() { FreeAll(); }
+
+    // Safe beside Take and Give on other threads: each block leaves its slot by one exchange, to one owner.
+    void FreeAll() noexcept
     {
         for (std::atomic<void*>& slot : m_slots)
-            if (void* block = slot.exchange(nullptr))
+            if (void* block = slot.exchange(nullptr, std::memory_order_acquire))
                 HeapFree(GetProcessHeap(), 0, block);
     }
 
@@ -201,6 +206,11 @@ WCHAR* WideString::Batch::ReserveElsewhere(int maxLength)
         m_block->bytes = size;
     }
     return Record()->Text();
+}
+
+void WideString::Batch::FreeSpareBlocks() noexcept
+{
+    g_spareBlocks.FreeAll();
 }
 
 WideString WideString::Batch::CommitElsewhere(int length) noexcept

@@ -8,6 +8,7 @@
 #include "extension/CopyMoveExtension.h"
 #include "foundation/AtlException.h"
 #include "foundation/Hresult.h"
+#include "foundation/WideString.h"
 #include "module/ModuleLock.h"
 #include "module/ObjectMap.h"
 #include "module/RegistryScript.h"
@@ -253,9 +254,15 @@ extern "C" BOOL WINAPI DllMain(HINSTANCE instance, DWORD reason, LPVOID)
     return TRUE;
 }
 
+// A host asks this when it looks for libraries to unload (the file manager does so now and then while it is
+// idle), and an S_OK means no object, class object lock or worker of ours is in use: the moment to give back
+// the text blocks kept for the next menu, since the host may keep the library loaded for weeks after.
 STDAPI DllCanUnloadNow()
 {
-    return g_module && g_module->GetLockCount() == 0 ? S_OK : S_FALSE;
+    if (!g_module || g_module->GetLockCount() != 0)
+        return S_FALSE;
+    WideString::Batch::FreeSpareBlocks();
+    return S_OK;
 }
 
 STDAPI DllGetClassObject(REFCLSID clsid, REFIID iid, LPVOID* out)

@@ -11,6 +11,8 @@ WINBASEAPI void VmHostAdvanceTickCount(ULONGLONG milliseconds);
 WINBASEAPI void VmHostUseRealTickCount(void);
 // The next `count` calls of CreateThread fail with ERROR_NOT_ENOUGH_MEMORY, as when no thread can be had.
 WINBASEAPI void VmHostFailCreateThread(DWORD count);
+// Threads made by CreateThread that have not yet ended (their handles may be closed or still open).
+WINBASEAPI LONG VmHostLiveThreads(void);
 
 #ifdef __cplusplus
 #include <vector>

@@ -1,4 +1,5 @@
 #include "platform/host/Kernel.h"
+#include "platform/host/ControlMemory.h"
 #include "platform/host/ControlSystem.h"
 #include "platform/host/Utf8.h"
 
@@ -152,12 +153,24 @@ HANDLE GetProcessHeap(void)
 {
     return reinterpret_cast<HANDLE>(static_cast<ULONG_PTR>(0x48454150));
 }
+namespace
+{
+std::atomic<LONG> g_liveHeapBlocks{0};
+} // namespace
+
+LONG VmHostLiveHeapBlocks(void)
+{
+    return g_liveHeapBlocks.load();
+}
+
 LPVOID HeapAlloc(HANDLE, DWORD flags, SIZE_T bytes)
 {
     void* memory =
         (flags & HEAP_ZERO_MEMORY) ? std::calloc(1, bytes ? bytes : 1) : std::malloc(bytes ? bytes : 1);
     if (!memory)
         SetLastError(ERROR_NOT_ENOUGH_MEMORY);
+    else
+        ++g_liveHeapBlocks;
     return memory;
 }
 LPVOID HeapReAlloc(HANDLE, DWORD, LPVOID memory, SIZE_T bytes)
@@ -169,6 +182,8 @@ LPVOID HeapReAlloc(HANDLE, DWORD, LPVOID memory, SIZE_T bytes)
 }
 BOOL HeapFree(HANDLE, DWORD, LPVOID memory)
 {
+    if (memory)
+        --g_liveHeapBlocks;
     std::free(memory);
     return TRUE;
 }
@@ -182,7 +197,7 @@ HLOCAL LocalAlloc(UINT flags, SIZE_T bytes)
 }
 HLOCAL LocalFree(HLOCAL memory)
 {
-    std::free(memory);
+    HeapFree(GetProcessHeap(), 0, memory);
     return nullptr;
 }
 

@@ -1,4 +1,5 @@
 #include "platform/host/Shell.h"
+#include "platform/host/ControlMemory.h"
 #include "platform/host/Kernel.h"
 
 #include <cstdlib>
@@ -150,6 +151,12 @@ HGLOBAL GlobalFree(HGLOBAL hMem)
     g_fixed.erase(fixed);
     std::free(hMem);
     return nullptr;
+}
+
+DWORD VmHostLiveGlobalBlocks(void)
+{
+    std::lock_guard<std::mutex> hold(g_memoryLock);
+    return static_cast<DWORD>(g_fixed.size() + g_moveable.size());
 }
 
 SIZE_T GlobalSize(HGLOBAL hMem)

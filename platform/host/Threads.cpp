@@ -52,6 +52,7 @@ struct StartBlock
 };
 
 thread_local ThreadObject* t_current = nullptr;
+std::atomic<LONG> g_liveThreads{0};
 thread_local HMODULE t_freeOnExit = nullptr;
 
 // Marks the thread ended however it leaves: by returning, or by ExitThread's unwinding. A library handed to
@@ -68,6 +69,7 @@ struct EndGuard
             FreeLibrary(module);
         }
         thread->Finish(thread->m_exitCode);
+        --g_liveThreads;
     }
 };
 
@@ -109,10 +111,12 @@ HANDLE CreateThread(LPSECURITY_ATTRIBUTES, SIZE_T stackSize, LPTHREAD_START_ROUT
     if (stackSize >= 65536)
         pthread_attr_setstacksize(&attributes, stackSize);
     pthread_t id;
+    ++g_liveThreads;
     int failed = pthread_create(&id, &attributes, ThreadMain, block);
     pthread_attr_destroy(&attributes);
     if (failed)
     {
+        --g_liveThreads;
         delete block;
         SetLastError(ERROR_NOT_ENOUGH_MEMORY);
         return nullptr;
@@ -210,6 +214,10 @@ void VmHostUseRealTickCount(void)
 void VmHostFailCreateThread(DWORD count)
 {
     g_failCreateThread = count;
+}
+LONG VmHostLiveThreads(void)
+{
+    return g_liveThreads.load();
 }
 
 // The loader calls belong to the loader area once it exists; these weak ones give a thread its hold on the

@@ -3,6 +3,10 @@
 
 #include <gtest/gtest.h>
 
+#ifndef _WIN32
+#include "platform/host/ControlMemory.h"
+#endif
+
 #include <atomic>
 #include <cstring>
 #include <memory>
@@ -348,3 +352,54 @@ TEST(WideString, CopiesAreWrittenAndReleasedOnOtherThreads)
         EXPECT_EQ(1, lowered[i].GetShareCount()) << i;
     }
 }
+
+// Host only: the count of live heap blocks is the stand-in's; Windows' heap reports none that exact.
+#ifndef _WIN32
+namespace
+{
+// A selection of `count` paths of 40 units, as the reader makes them.
+std::vector<WideString> Selection(int count)
+{
+    const std::u16string path(40, u'p');
+    std::vector<WideString> made;
+    made.reserve(static_cast<size_t>(count));
+    WideString::Batch batch;
+    for (int i = 0; i < count; ++i)
+        made.push_back(Written(batch, path));
+    return made;
+}
+} // namespace
+
+// What the blocks of finished selections cost while the library is in use: never more than the ten kept
+// blocks, whatever the selection's size, and the kept ones serve the next selection instead of new ones. Then
+// everything goes back on request, also after a small selection that followed a large one.
+TEST(WideString, SpareBlocksAreBoundedReusedAndFreedOnRequest)
+{
+    const LONG KEPT_AT_MOST = 10; // one of each smaller size, four of the largest
+    WideString::Batch::FreeSpareBlocks();
+    const LONG before = VmHostLiveHeapBlocks();
+    for (std::vector<int> sizes : {std::vector<int>{1}, {1000}, {100000}, {100000, 1}, {1, 100000, 1000}})
+    {
+        for (int count : sizes)
+        {
+            LONG held = 0;
+            {
+                std::vector<WideString> selection = Selection(count);
+                held = VmHostLiveHeapBlocks() - before;
+            }
+            const LONG kept = VmHostLiveHeapBlocks() - before;
+            EXPECT_GE(kept, 1) << count << " texts: their blocks are kept for the next selection";
+            EXPECT_LE(kept, KEPT_AT_MOST) << count;
+            if (held <= KEPT_AT_MOST)
+            {
+                std::vector<WideString> again = Selection(count);
+                EXPECT_EQ(held, VmHostLiveHeapBlocks() - before)
+                    << count << " texts: made in the kept blocks";
+            }
+        }
+        WideString::Batch::FreeSpareBlocks();
+        EXPECT_EQ(before, VmHostLiveHeapBlocks())
+            << "after " << sizes.size() << " selections, the last of " << sizes.back() << " texts";
+    }
+}
+#endif

@@ -6,6 +6,7 @@
 #include "module/ComModule.h"
 #include "tests/channel/UniqueKey.h"
 #include "tests/module/ComModule/LibraryPath.h"
+#include "tests/support/LibraryExports.h"
 #include "tests/support/ManagedDrive.h"
 #include "tests/support/StartedOperation.h"
 #include "tests/support/World.h"
@@ -17,24 +18,6 @@ using namespace TestSupport;
 
 namespace
 {
-typedef HRESULT(STDMETHODCALLTYPE* CanUnloadNowEntry)();
-typedef HRESULT(STDMETHODCALLTYPE* GetClassObjectEntry)(REFCLSID, REFIID, LPVOID*);
-
-template <class Entry> Entry Export(HMODULE library, const char* name)
-{
-    return reinterpret_cast<Entry>(reinterpret_cast<void (*)()>(GetProcAddress(library, name)));
-}
-
-// Whether any module still holds this address (the library is mapped).
-bool Mapped(const void* address)
-{
-    HMODULE module = nullptr;
-    return GetModuleHandleExW(GET_MODULE_HANDLE_EX_FLAG_FROM_ADDRESS |
-                                  GET_MODULE_HANDLE_EX_FLAG_UNCHANGED_REFCOUNT,
-                              static_cast<LPCWSTR>(address), &module) &&
-           module;
-}
-
 template <class Condition> bool Eventually(Condition condition)
 {
     for (DWORD waited = 0; waited < OPERATION_TIME_LIMIT; waited += 10)
