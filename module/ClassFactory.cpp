@@ -2,13 +2,20 @@
 
 #include "foundation/Hresult.h"
 
+namespace
+{
+// At namespace scope, filled in while the library loads: a table local to Entries would be filled on first
+// use behind the C++ runtime's guard, and under mingw-w64's threads that guard gives each thread that takes
+// it a thread handle and an event that nothing closes when the library is unloaded (two handles per load).
+const InterfaceMapEntry g_factoryEntries[] = {
+    {&IID_IClassFactory, InterfaceOffset<CComClassFactory, IClassFactory>(), 1},
+    {nullptr, 0, 0},
+};
+} // namespace
+
 const InterfaceMapEntry* ComClassTraits<CComClassFactory>::Entries()
 {
-    static const InterfaceMapEntry entries[] = {
-        {&IID_IClassFactory, InterfaceOffset<CComClassFactory, IClassFactory>(), 1},
-        {nullptr, 0, 0},
-    };
-    return entries;
+    return g_factoryEntries;
 }
 
 HRESULT STDMETHODCALLTYPE CComClassFactory::CreateInstance(IUnknown* outer, REFIID iid, void** out)

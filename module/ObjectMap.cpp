@@ -10,14 +10,19 @@
 // items (its bitmap goes in through SetMenuItemBitmaps), HandleMenuMsg does nothing, and a host that gets
 // IContextMenu2 starts forwarding every WM_INITMENUPOPUP/WM_DRAWITEM/WM_MEASUREITEM of the menu to us for
 // nothing. IContextMenu is the second table of the object, the one whose first slots are IContextMenu2's.
+namespace
+{
+// At namespace scope, for the reason given beside the class object's table (ClassFactory.cpp).
+const InterfaceMapEntry g_extensionEntries[] = {
+    {&IID_IShellExtInit, InterfaceOffset<CVelmountCopyMoveExtension, IShellExtInit>(), 1},
+    {&IID_IContextMenu, InterfaceOffset<CVelmountCopyMoveExtension, IContextMenu>(), 1},
+    {nullptr, 0, 0},
+};
+} // namespace
+
 const InterfaceMapEntry* ComClassTraits<CVelmountCopyMoveExtension>::Entries()
 {
-    static const InterfaceMapEntry entries[] = {
-        {&IID_IShellExtInit, InterfaceOffset<CVelmountCopyMoveExtension, IShellExtInit>(), 1},
-        {&IID_IContextMenu, InterfaceOffset<CVelmountCopyMoveExtension, IContextMenu>(), 1},
-        {nullptr, 0, 0},
-    };
-    return entries;
+    return g_extensionEntries;
 }
 
 void ComClassTraits<CVelmountCopyMoveExtension>::FinalRelease(CVelmountCopyMoveExtension& object)

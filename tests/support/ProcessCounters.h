@@ -10,10 +10,11 @@ namespace TestSupport
 {
 struct ProcessCounters
 {
-    // Windows: PrivateUsage of GetProcessMemoryInfo. Host: bytes the C runtime's heap has handed out and not
-    // taken back (what a leak or a kept block adds to), whoever asked.
+    // Windows: PrivateUsage (the commit charge) of GetProcessMemoryInfo. Host: bytes the C runtime's heap has
+    // handed out and not taken back (what a leak or a kept block adds to), whoever asked.
     unsigned long long privateBytes = 0;
-    // Windows: GetProcessHandleCount. Host: the stand-in's open handles plus the process's open descriptors.
+    // Windows: GetProcessHandleCount (under Wine, which has no such count, the handle values in use). Host:
+    // the stand-in's open handles plus the process's open descriptors.
     unsigned long handles = 0;
     // The process's threads (Windows: a thread snapshot; host: Linux's count).
     unsigned long threads = 0;
@@ -22,6 +23,8 @@ struct ProcessCounters
 };
 
 ProcessCounters SampleProcessCounters();
+// The threads alone: cheap enough to wait on.
+unsigned long ProcessThreads();
 // One line: "private 1234567 bytes, 12 handles, 3 threads[, 4 global blocks]".
 std::string DescribeCounters(const ProcessCounters& counters);
 } // namespace TestSupport

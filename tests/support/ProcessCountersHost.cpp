@@ -50,7 +50,9 @@ unsigned long OpenDescriptors()
     return count;
 }
 
-unsigned long Threads()
+} // namespace
+
+unsigned long ProcessThreads()
 {
     unsigned long threads = 0;
     if (FILE* status = std::fopen("/proc/self/status", "r"))
@@ -63,14 +65,13 @@ unsigned long Threads()
     }
     return threads;
 }
-} // namespace
 
 ProcessCounters SampleProcessCounters()
 {
     ProcessCounters counters;
     counters.privateBytes = HeapBytes();
     counters.handles = static_cast<unsigned long>(VmHost::OpenHandleCount()) + OpenDescriptors();
-    counters.threads = Threads();
+    counters.threads = ProcessThreads();
     counters.globalBlocks = VmHostLiveGlobalBlocks();
     return counters;
 }

@@ -10,6 +10,41 @@
 
 namespace TestSupport
 {
+namespace
+{
+// Wine (8) answers GetProcessHandleCount with 0 and leaves PrivateUsage 0; Windows never does either for a
+// running process. There the handles are counted by asking each possible value whether it is one (Wine gives
+// out the lowest free value first, so a process's handles lie below 16,384), and the commit charge is read
+// from PagefileUsage, which the system documents as the same figure.
+const ULONG_PTR HANDLE_VALUES_PROBED = 16384;
+
+unsigned long ProbedHandles()
+{
+    unsigned long count = 0;
+    for (ULONG_PTR value = 4; value < HANDLE_VALUES_PROBED; value += 4)
+    {
+        DWORD flags = 0;
+        count += GetHandleInformation(reinterpret_cast<HANDLE>(value), &flags) != FALSE;
+    }
+    return count;
+}
+} // namespace
+
+unsigned long ProcessThreads()
+{
+    unsigned long threads = 0;
+    HANDLE snapshot = CreateToolhelp32Snapshot(TH32CS_SNAPTHREAD, 0);
+    if (snapshot == INVALID_HANDLE_VALUE)
+        return 0;
+    THREADENTRY32 entry = {};
+    entry.dwSize = sizeof(entry);
+    const DWORD self = GetCurrentProcessId();
+    for (BOOL more = Thread32First(snapshot, &entry); more; more = Thread32Next(snapshot, &entry))
+        threads += entry.th32OwnerProcessID == self;
+    CloseHandle(snapshot);
+    return threads;
+}
+
 ProcessCounters SampleProcessCounters()
 {
     ProcessCounters counters;
@@ -17,20 +52,13 @@ ProcessCounters SampleProcessCounters()
     memory.cb = sizeof(memory);
     if (GetProcessMemoryInfo(GetCurrentProcess(), reinterpret_cast<PROCESS_MEMORY_COUNTERS*>(&memory),
                              sizeof(memory)))
-        counters.privateBytes = memory.PrivateUsage;
+        counters.privateBytes = memory.PrivateUsage ? memory.PrivateUsage : memory.PagefileUsage;
     DWORD handles = 0;
-    if (GetProcessHandleCount(GetCurrentProcess(), &handles))
+    if (GetProcessHandleCount(GetCurrentProcess(), &handles) && handles)
         counters.handles = handles;
-    HANDLE snapshot = CreateToolhelp32Snapshot(TH32CS_SNAPTHREAD, 0);
-    if (snapshot != INVALID_HANDLE_VALUE)
-    {
-        THREADENTRY32 entry = {};
-        entry.dwSize = sizeof(entry);
-        const DWORD self = GetCurrentProcessId();
-        for (BOOL more = Thread32First(snapshot, &entry); more; more = Thread32Next(snapshot, &entry))
-            counters.threads += entry.th32OwnerProcessID == self;
-        CloseHandle(snapshot); // counted in `handles` above, taken after them
-    }
+    else
+        counters.handles = ProbedHandles();
+    counters.threads = ProcessThreads();
     return counters;
 }
 
