@@ -1,4 +1,5 @@
 #include "platform/host/Shell.h"
+#include "platform/host/ControlMemory.h"
 #include "platform/host/Kernel.h"
 
 #include <cstdlib>
@@ -166,6 +167,12 @@ SIZE_T GlobalSize(HGLOBAL hMem)
             return block->size;
     SetLastError(ERROR_INVALID_HANDLE);
     return 0;
+}
+
+DWORD VmHostLiveGlobalBlocks(void)
+{
+    std::lock_guard<std::mutex> hold(g_memoryLock);
+    return static_cast<DWORD>(g_moveable.size() + g_fixed.size());
 }
 
 void ReleaseStgMedium(LPSTGMEDIUM pmedium)

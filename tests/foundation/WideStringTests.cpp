@@ -287,6 +287,41 @@ TEST(WideString, BatchStringsAreOrdinaryStrings)
         CheckBatchStrings();
 }
 
+// A reader may write kReserveSlack units beyond the longest text it reserved for. Filled with texts of every
+// length, a batch meets every room a block can have left (and the step to a new block); each reservation then
+// gets its maximum and the whole slack written, the way the selection reader writes a long name. Past a
+// block's end that is a write AddressSanitizer (host-asan) reports; everywhere the texts must read back
+// whole.
+TEST(WideString, BatchReservationsHoldTheirSlackAtEveryRoomLeft)
+{
+    constexpr int kLongest = 259;
+    const int written = kLongest + WideString::Batch::kReserveSlack;
+    for (int fillers = 0; fillers <= 12; ++fillers)
+        for (int extra = 0; extra <= kLongest; ++extra)
+        {
+            WideString::Batch batch;
+            std::vector<WideString> made;
+            for (int i = 0; i < fillers; ++i)
+                made.push_back(Written(batch, std::u16string(kLongest, u'f')));
+            made.push_back(Written(batch, std::u16string(static_cast<size_t>(extra), u'e')));
+            for (int round = 0; round < 2; ++round)
+            {
+                WCHAR* room = batch.Reserve(kLongest);
+                for (int i = 0; i < written; ++i)
+                    room[i] = static_cast<WCHAR>(u'a' + i % 26);
+                made.push_back(batch.Commit(kLongest));
+            }
+            for (size_t i = made.size() - 2; i < made.size(); ++i)
+            {
+                ASSERT_EQ(kLongest, made[i].GetLength()) << fillers << " " << extra;
+                ASSERT_EQ(u'a' + (kLongest - 1) % 26, made[i][kLongest - 1]) << fillers << " " << extra;
+            }
+            ASSERT_EQ(std::u16string(static_cast<size_t>(extra), u'e'),
+                      Text(made[static_cast<size_t>(fillers)]))
+                << fillers << " " << extra << ": a text overwritten by the next one's slack";
+        }
+}
+
 // Copies of one text go to two threads that write and release them at once: whichever writes while the other
 // still holds the text must take a private buffer, and whichever writes after the other let go may write in
 // place, which is safe only if the other's reads happened before its release. Under ThreadSanitizer
