@@ -71,6 +71,15 @@ TEST(WideString, EmptyStringsShareOneTextAndAllocateNothing)
     WideString d(TEXT("x"));
     d.SetText(TEXT("ignored"), 0);
     EXPECT_EQ(d.GetString(), a.GetString()) << "a length of 0 empties, whatever the text";
+    WideString e(TEXT("abc"));
+    e.Format(TEXT(""));
+    EXPECT_EQ(e.GetString(), a.GetString()) << "a format that writes nothing empties";
+    // Neither may write the one text all empty strings share.
+    a.MakeLower();
+    a.ReleaseBuffer(5);
+    EXPECT_EQ(a.GetLength(), 0);
+    EXPECT_EQ(b.GetLength(), 0);
+    EXPECT_EQ(b.GetString(), a.GetString());
 }
 
 TEST(WideString, ComparisonIsExactAndMakeLowerChangesOnlyAsciiCapitals)
@@ -124,6 +133,10 @@ TEST(WideString, BadArgumentsAndImpossibleLengthsRaise)
     EXPECT_EQ(RaisedBy([&] { empty.GetBuffer(0x7FFFFFF0); }), E_OUTOFMEMORY);
     EXPECT_EQ(RaisedBy([&] { s.Append(TEXT("x"), 0x7FFFFFFE); }), E_INVALIDARG)
         << "sum of lengths past 0x7FFFFFFF";
+    EXPECT_EQ(RaisedBy([&] { s.Append(TEXT("x"), -1); }), E_INVALIDARG);
+    EXPECT_EQ(RaisedBy([&] { s.ReleaseBuffer(s.GetCapacity() + 1); }), E_INVALIDARG) << "beyond the buffer";
+    WideString::Batch batch;
+    EXPECT_EQ(RaisedBy([&] { batch.Reserve(0x3FFFFFFE); }), E_OUTOFMEMORY) << "no room for the slack";
     EXPECT_EQ(s, TEXT("abc")) << "a failed operation leaves the text";
 }
 
@@ -196,6 +209,8 @@ TEST(WideString, FormatsTheSystemsPatterns)
     EXPECT_EQ(s, TEXT("Are you sure you want to remove these 2 items?"));
     s.Format(TEXT("%d %d %u%%"), -2147483647 - 1, 0, 4294967295u);
     EXPECT_EQ(s, TEXT("-2147483648 0 4294967295%"));
+    s.Format(TEXT("%x %x %x|%s"), 0xABCDEF09u, 0u, 0xFFFFFFFFu, static_cast<LPCWSTR>(nullptr));
+    EXPECT_EQ(s, TEXT("abcdef09 0 ffffffff|(null)"));
     WideString self(TEXT("ab"));
     self.Format(TEXT("%s-%s"), self.GetString(), self.GetString());
     EXPECT_EQ(self, TEXT("ab-ab"));
