@@ -61,12 +61,17 @@ bool ReadWideNames(const BYTE* at, const BYTE* end, NodeList<WideString>& paths)
 // half a gigabyte would otherwise be converted whole for the sake of its first 259 characters.
 constexpr int kAnsiPrefixBytes = 4 * kPathLimit;
 
-// Every code page gives at most one unit per byte, so the converted prefix fits a buffer of its bytes' count.
+// A name converted whole is converted with its terminator, as the terminated string DragQueryFileW converts:
+// Wine's UTF-8 decoder, given the name's length alone, drops whatever follows a lead byte that the end cuts
+// short (and may take the terminator itself into such a sequence), where Windows gives U+FFFD and the rest.
+// Every code page gives at most one unit per byte, so the converted bytes' count is room enough.
 void AddAnsiName(const char* name, int bytes, NodeList<WideString>& paths)
 {
-    const int converted = bytes < kAnsiPrefixBytes ? bytes : kAnsiPrefixBytes;
-    WCHAR text[kAnsiPrefixBytes];
-    const int units = MultiByteToWideChar(CP_ACP, 0, name, converted, text, converted);
+    const int converted = bytes < kAnsiPrefixBytes ? bytes + 1 : kAnsiPrefixBytes;
+    WCHAR text[kAnsiPrefixBytes + 1];
+    int units = MultiByteToWideChar(CP_ACP, 0, name, converted, text, converted);
+    if (units > 0 && text[units - 1] == 0)
+        --units;
     if (units <= 0)
         return;
     paths.AddTail(WideString(text, units < kPathLimit ? units : kPathLimit));
