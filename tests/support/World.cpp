@@ -1,6 +1,7 @@
 #include "tests/support/World.h"
 
 #include <cstring>
+#include <new>
 #include <stdexcept>
 #include <string>
 #include <utility>
@@ -250,9 +251,19 @@ HRESULT DropDataObject::GetData(FORMATETC* format, STGMEDIUM* medium)
         if (!block)
             return E_OUTOFMEMORY;
     }
+    IUnknown* owner = nullptr;
+    if (m_owners)
+    {
+        owner = new (std::nothrow) MediumOwner(block, m_mediaReleased);
+        if (!owner)
+        {
+            GlobalFree(block);
+            return E_OUTOFMEMORY;
+        }
+    }
     medium->tymed = TYMED_HGLOBAL;
     medium->hGlobal = block;
-    medium->pUnkForRelease = m_owners ? new MediumOwner(block, m_mediaReleased) : nullptr;
+    medium->pUnkForRelease = owner;
     ++m_mediaHandedOut;
     return S_OK;
 }
