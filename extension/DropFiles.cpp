@@ -54,20 +54,27 @@ bool ReadWideNames(const BYTE* at, const BYTE* end, NodeList<WideString>& paths)
     }
 }
 
-// Every code page gives at most one unit per byte, so a name of up to 259 bytes converts straight into the
-// path; a longer one is converted whole and then cut, as its text would arrive.
+// A character of any code page takes at most four bytes (UTF-8's four-byte sequences give two units,
+// GB18030's four-byte ones one) and gives at least one unit, and how its bytes decode depends on no byte
+// after them. So the characters that begin in the first 4 * 259 bytes decode there as they do in the whole
+// name and give at least 259 units: a longer name is converted that far only, then cut. A hostile name of
+// half a gigabyte would otherwise be converted whole for the sake of its first 259 characters.
+constexpr int kAnsiPrefixBytes = 4 * kPathLimit;
+
+// A name converted whole is converted with its terminator, as the terminated string DragQueryFileW converts:
+// Wine's UTF-8 decoder, given the name's length alone, drops whatever follows a lead byte that the end cuts
+// short (and may take the terminator itself into such a sequence), where Windows gives U+FFFD and the rest.
+// Every code page gives at most one unit per byte, so the converted bytes' count is room enough.
 void AddAnsiName(const char* name, int bytes, NodeList<WideString>& paths)
 {
-    WideString path;
-    int units = bytes;
-    if (bytes > kPathLimit)
-        units = MultiByteToWideChar(CP_ACP, 0, name, bytes, nullptr, 0);
-    if (units > 0)
-        units = MultiByteToWideChar(CP_ACP, 0, name, bytes, path.GetBuffer(units), units);
+    const int converted = bytes < kAnsiPrefixBytes ? bytes + 1 : kAnsiPrefixBytes;
+    WCHAR text[kAnsiPrefixBytes + 1];
+    int units = MultiByteToWideChar(CP_ACP, 0, name, converted, text, converted);
+    if (units > 0 && text[units - 1] == 0)
+        --units;
     if (units <= 0)
         return;
-    path.ReleaseBuffer(units < kPathLimit ? units : kPathLimit);
-    paths.AddTail(std::move(path));
+    paths.AddTail(WideString(text, units < kPathLimit ? units : kPathLimit));
 }
 
 bool ReadAnsiNames(const BYTE* at, const BYTE* end, NodeList<WideString>& paths)

@@ -5,7 +5,8 @@
 
 #include "platform/host/Types.h"
 
-// Blocks of GlobalAlloc (fixed and moveable) not yet freed with GlobalFree, whoever made them.
+// Blocks of GlobalAlloc (fixed and moveable) not yet given back by GlobalFree or ReleaseStgMedium, whoever
+// made them.
 WINBASEAPI DWORD VmHostLiveGlobalBlocks(void);
 // Blocks of HeapAlloc and LocalAlloc not yet freed with HeapFree or LocalFree.
 WINBASEAPI LONG VmHostLiveHeapBlocks(void);

@@ -7,6 +7,7 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <cstdlib>
 #include <cstring>
 #include <memory>
 #include <random>
@@ -84,7 +85,9 @@ struct Generator
 
     size_t Length()
     {
-        static const size_t kEdges[] = {259, 260, 261, 300, 1000};
+        // Around 259 (the cut) and 1,036 (four bytes per character for 259 of them, as far as an ANSI name
+        // is converted).
+        static const size_t kEdges[] = {259, 260, 261, 300, 1000, 1035, 1036, 1037, 3000};
         if (random() % (shortNames ? 256 : 8) == 0)
             return kEdges[random() % (sizeof(kEdges) / sizeof(kEdges[0]))];
         return 1 + random() % (shortNames ? 12 : 80);
@@ -108,11 +111,16 @@ struct Generator
         return name;
     }
 
+    // Names whose last three bytes are letters (see AgreesWithDragQueryFileW).
+    bool lettersLast = false;
+
     std::string AnsiName()
     {
         std::string name(Length(), 'x');
         for (char& c : name)
             c = static_cast<char>(random() % 2 ? 'a' + random() % 26 : 1 + random() % 255);
+        for (size_t i = name.size() > 3 ? name.size() - 3 : 0; lettersLast && i < name.size(); ++i)
+            name[i] = static_cast<char>('a' + random() % 26);
         return name;
     }
 
@@ -142,11 +150,27 @@ struct Generated
 };
 
 // DragQueryFileW walks from the list's start for every index, so the largest blocks cost it
-// 5,000 * 5,000 / 2 names: the counts stay few.
+// 5,000 * 5,000 / 2 names: the counts stay few. ANSI names are read in the process's ANSI code page; a run
+// that asks for a multibyte one (VELMOUNT_EXPECT_ACP, with the locale that gives it) checks that it got it.
 TEST(DropFilesReader, AgreesWithDragQueryFileW)
 {
+    if (const char* expected = std::getenv("VELMOUNT_EXPECT_ACP"))
+    {
+#ifdef _WIN32
+        ASSERT_EQ(GetACP(), static_cast<UINT>(std::atoi(expected)))
+            << "the process did not get the ANSI code page it was started for";
+#else
+        GTEST_FAIL() << "the host has no ANSI code page but 1252, asked for " << expected;
+#endif
+    }
     const Generated shapes[] = {{1, 20}, {2, 20}, {3, 21}, {17, 32}, {300, 20}, {5000, 20}};
     Generator generator{std::mt19937(20)};
+#ifdef _WIN32
+    // Wine's DragQueryFileW reads a UTF-8 name whose last three bytes begin a sequence they don't complete on
+    // into the next name (its decoder takes the terminator into the sequence); the reader, as Windows, stops
+    // at the terminator (AnAnsiNameEndsAtItsTerminator). Everywhere else the two are compared.
+    generator.lettersLast = GetACP() == CP_UTF8;
+#endif
     for (bool wide : {true, false})
     {
         for (const Generated& shape : shapes)
@@ -161,7 +185,8 @@ TEST(DropFilesReader, AgreesWithDragQueryFileW)
             const std::vector<Text> expected = ReadWithDragQueryFile(block);
             ASSERT_EQ(paths.size(), expected.size());
             for (size_t i = 0; i < paths.size(); ++i)
-                ASSERT_EQ(paths[i], expected[i]) << "name " << i;
+                ASSERT_EQ(paths[i], expected[i])
+                    << "name " << i << ": " << paths[i].size() << " and " << expected[i].size() << " units";
         }
     }
 }
@@ -209,9 +234,22 @@ std::vector<BYTE> Ansi(const std::vector<BYTE>& list)
     return block;
 }
 
+// A name is the bytes before its terminator, however its last byte would begin a character in the code page.
+TEST(DropFilesReader, AnAnsiNameEndsAtItsTerminator)
+{
+    bool read = false;
+    const std::vector<Text> paths = Read(Ansi({'C', ':', '\\', 'a', 0xE3, 0, 'b', 'c', 0, 0}), read);
+    ASSERT_TRUE(read);
+    ASSERT_EQ(paths.size(), 2u);
+    EXPECT_EQ(paths[0].substr(0, 4), Text(TEXT("C:\\a")));
+    EXPECT_LE(paths[0].size(), 5u) << "a character of its own at most for the last byte";
+    EXPECT_EQ(paths[1], Text(TEXT("bc")));
+}
+
 TEST(DropFilesReader, HostileBlocksStayInsideAndChangeNothing)
 {
     const std::vector<BYTE> two = Wide({TEXT("C:\\a"), TEXT("C:\\b")});
+    const std::vector<BYTE> ansiTwo = Ansi({'C', ':', '\\', 'a', 0, 'b', 0, 0});
     const Hostile blocks[] = {
         {"empty", {}, false, 0},
         {"header cut short", Cut(Header(20, TRUE), 1), false, 0},
@@ -227,6 +265,13 @@ TEST(DropFilesReader, HostileBlocksStayInsideAndChangeNothing)
         {"ANSI without closing name", Ansi({'C', ':', '\\', 'a', 0}), false, 0},
         {"ANSI without any zero", Ansi({'C', ':', '\\', 'a'}), false, 0},
         {"ANSI list", Ansi({'C', ':', '\\', 'a', 0, 'b', 0, 0}), true, 2},
+        // An ANSI list is searched for its zeros byte by byte: a pFiles behind the end must not become a
+        // search of the memory after the block.
+        {"ANSI pFiles at the end", WithPFiles(ansiTwo, static_cast<DWORD>(ansiTwo.size())), false, 0},
+        {"ANSI pFiles past the end", WithPFiles(ansiTwo, static_cast<DWORD>(ansiTwo.size() + 1)), false, 0},
+        {"ANSI pFiles far outside", WithPFiles(ansiTwo, 0xFFFFFFF0), false, 0},
+        {"ANSI pFiles on the last byte", WithPFiles(ansiTwo, static_cast<DWORD>(ansiTwo.size() - 1)), true,
+         0},
         {"empty list, one zero", Wide({}, 1), true, 0},
         {"empty list, the shell's two zeros", Wide({}, 2), true, 0},
         // pFiles 0 reads the header itself, as DragQueryFileW would: its first unit (pFiles) is 0.

@@ -541,7 +541,7 @@ TEST_F(MenuEdge, ValidateSelection)
     object->m_selectedFiles.AddTail(drive.Path(TEXT("src\\a.txt")));
     EXPECT_EQ(object->ValidateSelection(), E_INVALIDARG);
     // Items: siblings are answered as their first; a folder whose name only starts the same, or one below
-    // theirs, is not a sibling.
+    // theirs, is not a sibling, however short the names (under four units the search goes unit by unit).
     const struct
     {
         LPCWSTR last;
@@ -549,6 +549,8 @@ TEST_F(MenuEdge, ValidateSelection)
     } kLastItems[] = {{TEXT("src\\c.txt"), S_OK},
                       {TEXT("srcplain\\c.txt"), E_INVALIDARG},
                       {TEXT("src\\deep\\c.txt"), E_INVALIDARG},
+                      {TEXT("src\\c"), S_OK},
+                      {TEXT("src\\d\\c"), E_INVALIDARG},
                       {TEXT("c.txt"), E_INVALIDARG}};
     for (const auto& item : kLastItems)
     {

@@ -75,6 +75,15 @@ TEST(WideString, EmptyStringsShareOneTextAndAllocateNothing)
     WideString d(TEXT("x"));
     d.SetText(TEXT("ignored"), 0);
     EXPECT_EQ(d.GetString(), a.GetString()) << "a length of 0 empties, whatever the text";
+    WideString e(TEXT("abc"));
+    e.Format(TEXT(""));
+    EXPECT_EQ(e.GetString(), a.GetString()) << "a format that writes nothing empties";
+    // Neither may write the one text all empty strings share.
+    a.MakeLower();
+    a.ReleaseBuffer(5);
+    EXPECT_EQ(a.GetLength(), 0);
+    EXPECT_EQ(b.GetLength(), 0);
+    EXPECT_EQ(b.GetString(), a.GetString());
 }
 
 TEST(WideString, ComparisonIsExactAndMakeLowerChangesOnlyAsciiCapitals)
@@ -128,6 +137,10 @@ TEST(WideString, BadArgumentsAndImpossibleLengthsRaise)
     EXPECT_EQ(RaisedBy([&] { empty.GetBuffer(0x7FFFFFF0); }), E_OUTOFMEMORY);
     EXPECT_EQ(RaisedBy([&] { s.Append(TEXT("x"), 0x7FFFFFFE); }), E_INVALIDARG)
         << "sum of lengths past 0x7FFFFFFF";
+    EXPECT_EQ(RaisedBy([&] { s.Append(TEXT("x"), -1); }), E_INVALIDARG);
+    EXPECT_EQ(RaisedBy([&] { s.ReleaseBuffer(s.GetCapacity() + 1); }), E_INVALIDARG) << "beyond the buffer";
+    WideString::Batch batch;
+    EXPECT_EQ(RaisedBy([&] { batch.Reserve(0x3FFFFFFE); }), E_OUTOFMEMORY) << "no room for the slack";
     EXPECT_EQ(s, TEXT("abc")) << "a failed operation leaves the text";
 }
 
@@ -200,6 +213,8 @@ TEST(WideString, FormatsTheSystemsPatterns)
     EXPECT_EQ(s, TEXT("Are you sure you want to remove these 2 items?"));
     s.Format(TEXT("%d %d %u%%"), -2147483647 - 1, 0, 4294967295u);
     EXPECT_EQ(s, TEXT("-2147483648 0 4294967295%"));
+    s.Format(TEXT("%x %x %x|%s"), 0xABCDEF09u, 0u, 0xFFFFFFFFu, static_cast<LPCWSTR>(nullptr));
+    EXPECT_EQ(s, TEXT("abcdef09 0 ffffffff|(null)"));
     WideString self(TEXT("ab"));
     self.Format(TEXT("%s-%s"), self.GetString(), self.GetString());
     EXPECT_EQ(self, TEXT("ab-ab"));
@@ -289,6 +304,41 @@ TEST(WideString, BatchStringsAreOrdinaryStrings)
 {
     for (int round = 0; round < 2; ++round)
         CheckBatchStrings();
+}
+
+// A reader may write kReserveSlack units beyond the longest text it reserved for. Filled with texts of every
+// length, a batch meets every room a block can have left (and the step to a new block); each reservation then
+// gets its maximum and the whole slack written, the way the selection reader writes a long name. Past a
+// block's end that is a write AddressSanitizer (host-asan) reports; everywhere the texts must read back
+// whole.
+TEST(WideString, BatchReservationsHoldTheirSlackAtEveryRoomLeft)
+{
+    constexpr int kLongest = 259;
+    const int written = kLongest + WideString::Batch::kReserveSlack;
+    for (int fillers = 0; fillers <= 12; ++fillers)
+        for (int extra = 0; extra <= kLongest; ++extra)
+        {
+            WideString::Batch batch;
+            std::vector<WideString> made;
+            for (int i = 0; i < fillers; ++i)
+                made.push_back(Written(batch, std::u16string(kLongest, u'f')));
+            made.push_back(Written(batch, std::u16string(static_cast<size_t>(extra), u'e')));
+            for (int round = 0; round < 2; ++round)
+            {
+                WCHAR* room = batch.Reserve(kLongest);
+                for (int i = 0; i < written; ++i)
+                    room[i] = static_cast<WCHAR>(u'a' + i % 26);
+                made.push_back(batch.Commit(kLongest));
+            }
+            for (size_t i = made.size() - 2; i < made.size(); ++i)
+            {
+                ASSERT_EQ(kLongest, made[i].GetLength()) << fillers << " " << extra;
+                ASSERT_EQ(u'a' + (kLongest - 1) % 26, made[i][kLongest - 1]) << fillers << " " << extra;
+            }
+            ASSERT_EQ(std::u16string(static_cast<size_t>(extra), u'e'),
+                      Text(made[static_cast<size_t>(fillers)]))
+                << fillers << " " << extra << ": a text overwritten by the next one's slack";
+        }
 }
 
 // Copies of one text go to two threads that write and release them at once: whichever writes while the other

@@ -1,6 +1,7 @@
 #include "tests/support/World.h"
 
 #include <cstring>
+#include <new>
 #include <stdexcept>
 #include <string>
 #include <utility>
@@ -188,6 +189,45 @@ HRESULT DropDataObject::QueryGetData(FORMATETC* format)
     return DV_E_FORMATETC;
 }
 
+namespace
+{
+// The owner of one medium's block: frees it on its last release and counts that release.
+class MediumOwner : public IUnknown
+{
+public:
+    MediumOwner(HGLOBAL block, int& released) : m_block(block), m_released(released) {}
+    HRESULT STDMETHODCALLTYPE QueryInterface(REFIID riid, void** ppv) override
+    {
+        if (!ppv)
+            return E_POINTER;
+        *ppv = nullptr;
+        if (!IsEqualIID(riid, IID_IUnknown))
+            return E_NOINTERFACE;
+        *ppv = static_cast<IUnknown*>(this);
+        AddRef();
+        return S_OK;
+    }
+    ULONG STDMETHODCALLTYPE AddRef() override { return static_cast<ULONG>(++m_references); }
+    ULONG STDMETHODCALLTYPE Release() override
+    {
+        const LONG left = --m_references;
+        if (left == 0)
+        {
+            GlobalFree(m_block);
+            ++m_released;
+            delete this;
+        }
+        return static_cast<ULONG>(left);
+    }
+
+private:
+    virtual ~MediumOwner() = default;
+    LONG m_references = 1;
+    HGLOBAL m_block;
+    int& m_released;
+};
+} // namespace
+
 HRESULT DropDataObject::GetData(FORMATETC* format, STGMEDIUM* medium)
 {
     if (!format || !medium)
@@ -197,24 +237,35 @@ HRESULT DropDataObject::GetData(FORMATETC* format, STGMEDIUM* medium)
         ++m_dropRequests;
     if (offered != S_OK)
         return offered;
-    medium->tymed = TYMED_HGLOBAL;
-    medium->pUnkForRelease = nullptr;
+    HGLOBAL block = nullptr;
     if (format->cfFormat == CF_HDROP)
     {
-        medium->hGlobal = m_dropMode == DropMode::Unlockable
-                              ? nullptr
-                              : CopyToGlobal(m_dropFiles.data(), m_dropFiles.size());
-        return S_OK;
+        if (m_dropMode != DropMode::Unlockable)
+            block = CopyToGlobal(m_dropFiles.data(), m_dropFiles.size());
     }
-    for (const Value& value : m_values)
+    else
     {
-        if (value.format == format->cfFormat)
+        for (const Value& value : m_values)
+            if (value.format == format->cfFormat && !block)
+                block = CopyToGlobal(&value.value, sizeof(value.value));
+        if (!block)
+            return E_OUTOFMEMORY;
+    }
+    IUnknown* owner = nullptr;
+    if (m_owners)
+    {
+        owner = new (std::nothrow) MediumOwner(block, m_mediaReleased);
+        if (!owner)
         {
-            medium->hGlobal = CopyToGlobal(&value.value, sizeof(value.value));
-            return medium->hGlobal ? S_OK : E_OUTOFMEMORY;
+            GlobalFree(block);
+            return E_OUTOFMEMORY;
         }
     }
-    return DV_E_FORMATETC;
+    medium->tymed = TYMED_HGLOBAL;
+    medium->hGlobal = block;
+    medium->pUnkForRelease = owner;
+    ++m_mediaHandedOut;
+    return S_OK;
 }
 
 HRESULT DropDataObject::GetCanonicalFormatEtc(FORMATETC*, FORMATETC* out)

@@ -53,6 +53,12 @@ public:
     void AddValue(LPCWSTR formatName, DWORD value);
     // How often GetData was asked for CF_HDROP.
     int DropFilesRequests() const { return m_dropRequests; }
+    // Hands out every medium with an owner in pUnkForRelease, which frees the block when released, as a data
+    // object that keeps its data does; without, ReleaseStgMedium frees the block itself.
+    void WithMediumOwners() { m_owners = true; }
+    // Media handed out by GetData, and media whose owner was released (owners only).
+    int MediaHandedOut() const { return m_mediaHandedOut; }
+    int MediaReleased() const { return m_mediaReleased; }
 
     HRESULT STDMETHODCALLTYPE QueryInterface(REFIID riid, void** ppv) override;
     ULONG STDMETHODCALLTYPE AddRef() override;
@@ -90,6 +96,9 @@ private:
     std::vector<Value> m_values;
     DropMode m_dropMode = DropMode::Offered;
     int m_dropRequests = 0;
+    bool m_owners = false;
+    int m_mediaHandedOut = 0;
+    int m_mediaReleased = 0;
 };
 
 // The DROPFILES block for these paths, as the file manager lays it out.

@@ -10,6 +10,8 @@
 #include "module/ComModule.h"
 #include "module/ModuleLock.h"
 #include "module/Registration.h"
+#include "module/RegistryScript.h"
+#include "module/ScriptExpansion.h"
 #include "tests/channel/UniqueKey.h"
 #include "tests/reliability/AllocationFailure/FailingAllocator.h"
 #include "tests/support/ManagedDrive.h"
@@ -345,4 +347,61 @@ TEST(AllocationFailureOfTheWorker, EveryAllocationOfAnOperationFailsCleanly)
     }
     std::printf("[ figures  ] worker: %ld allocations on its thread, each failed once; %zu sites so far\n",
                 allocations, FailingAllocator::FailedSites().size());
+}
+
+// An expansion's output grows wherever a piece of it meets the end of its room: a growth that fails there
+// gives E_OUTOFMEMORY and no text (nothing leaked: LeakSanitizer in host-asan), never a text cut short. The
+// script is short, so its output starts with room for 1,000 units; a replacement of nearly that fills it, and
+// the piece after it grows it, at each length of the replacement in turn.
+TEST(AllocationFailureOfExpansion, AGrowthThatFailsAnywhereGivesNoText)
+{
+    const BYTE saved = g_perUserRegistration;
+    g_perUserRegistration = 1; // the frame and the quotes are pieces of their own only per user
+    const struct
+    {
+        const char* piece;
+        const WCHAR* script;
+    } scripts[] = {
+        {"a character", TEXT("%Fill%x")},
+        {"a percent sign", TEXT("%Fill%%%")},
+        {"a replacement", TEXT("%Fill%%Short%")},
+        {"a doubled quote", TEXT("'%Fill%''x'")},
+        {"the frame's opening", TEXT("%Fill%HKCR{x}")},
+        {"the frame's closing", TEXT("HKCR{%Fill%}")},
+    };
+    for (const auto& script : scripts)
+        for (size_t fill = 950; fill <= 1000; ++fill)
+        {
+            SCOPED_TRACE(testing::Message() << script.piece << ", a replacement of " << fill);
+            CRegObject registrar;
+            ASSERT_EQ(S_OK,
+                      registrar.AddReplacement(TEXT("Fill"), std::basic_string<WCHAR>(fill, 'f').c_str()));
+            ASSERT_EQ(S_OK, registrar.AddReplacement(TEXT("Short"), TEXT("s")));
+            ScriptParser parser;
+            parser.m_registrar = &registrar;
+            LPWSTR whole = nullptr;
+            FailingAllocator::Arm(0);
+            ASSERT_EQ(S_OK, ExpandScript(parser, script.script, &whole));
+            const long allocations = FailingAllocator::Disarm();
+            ASSERT_NE(nullptr, whole);
+            for (long k = 1; k <= allocations; ++k)
+            {
+                LPWSTR expanded = reinterpret_cast<LPWSTR>(static_cast<uintptr_t>(1));
+                FailingAllocator::Arm(k);
+                const HRESULT hr = ExpandScript(parser, script.script, &expanded);
+                FailingAllocator::Disarm();
+                if (hr == S_OK)
+                {
+                    EXPECT_EQ(0, lstrcmpW(whole, expanded)) << "k=" << k;
+                }
+                else
+                {
+                    EXPECT_EQ(E_OUTOFMEMORY, hr) << "k=" << k;
+                    EXPECT_EQ(nullptr, expanded) << "k=" << k;
+                }
+                CoTaskMemFree(hr == S_OK ? expanded : nullptr);
+            }
+            CoTaskMemFree(whole);
+        }
+    g_perUserRegistration = saved;
 }
