@@ -55,6 +55,7 @@ if(WIN32)
         set(CMAKE_${lang}_COMPILER_LAUNCHER ${CMAKE_CURRENT_LIST_DIR}/relative-paths)
         set(CMAKE_${lang}_LINKER_LAUNCHER ${CMAKE_CURRENT_LIST_DIR}/relative-paths)
     endforeach()
+    find_program(VELMOUNT_OBJCOPY NAMES llvm-objcopy REQUIRED)
     file(RELATIVE_PATH VELMOUNT_DEBUG_BUILD_DIR ${PROJECT_SOURCE_DIR} ${PROJECT_BINARY_DIR})
     set(VELMOUNT_PDB_SOURCE_PATH /velmount/${VELMOUNT_DEBUG_BUILD_DIR})
 endif()
@@ -72,12 +73,13 @@ function(velmount_windows_runtime target)
                         LINKER:--Xlink=-timestamp:${VELMOUNT_SOURCE_DATE_EPOCH}
                         LINKER:--Xlink=-pdbsourcepath:${VELMOUNT_PDB_SOURCE_PATH})
     if(VELMOUNT_LINKER STREQUAL "lld-mingw")
-        target_link_options(${target} PRIVATE LINKER:--pdb=)
-        # The DWARF of libstdc++'s and libgcc's own objects reaches the image whatever the linker is told to
-        # strip; the PDB holds what a debugger needs. Removing it leaves the debug directory as it is.
-        add_custom_command(TARGET ${target} POST_BUILD COMMAND ${VELMOUNT_OBJCOPY} --strip-debug $<TARGET_FILE:${target}>
-                           VERBATIM)
+        target_link_options(${target} PRIVATE LINKER:--pdb=) # zig's driver writes the PDB by itself
     endif()
+    # The DWARF of the runtimes' own objects (libstdc++'s and libgcc's for x64, a few of zig's for ARM64)
+    # reaches the image whatever the linker is told to strip; the PDB holds what a debugger needs. Removing it
+    # leaves the debug directory as it is.
+    add_custom_command(TARGET ${target} POST_BUILD COMMAND ${VELMOUNT_OBJCOPY} --strip-debug $<TARGET_FILE:${target}>
+                       VERBATIM)
 endfunction()
 
 # Sanitizers for the whole build (GoogleTest included), chosen by the host-asan preset: any report stops the run.

@@ -22,7 +22,6 @@ set(CMAKE_CXX_COMPILER_TARGET ${VELMOUNT_MINGW_TRIPLE})
 set(CMAKE_SYSROOT ${VELMOUNT_MINGW_SYSROOT})
 set(CMAKE_RC_COMPILER ${VELMOUNT_MINGW_TRIPLE}-windres)
 set(CMAKE_AR llvm-ar CACHE FILEPATH "")
-set(VELMOUNT_OBJCOPY llvm-objcopy)
 # Which linker driver cmake/Velmount.cmake gives the PDB and time stamp options to.
 set(VELMOUNT_LINKER lld-mingw)
 set(CMAKE_RANLIB llvm-ranlib CACHE FILEPATH "")
