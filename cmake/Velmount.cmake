@@ -57,6 +57,9 @@ if(WIN32)
     endforeach()
     find_program(VELMOUNT_OBJCOPY NAMES llvm-objcopy REQUIRED)
     file(RELATIVE_PATH VELMOUNT_DEBUG_BUILD_DIR ${PROJECT_SOURCE_DIR} ${PROJECT_BINARY_DIR})
+    if(VELMOUNT_DEBUG_BUILD_DIR MATCHES "^\\.\\.")
+        set(VELMOUNT_DEBUG_BUILD_DIR build) # a build folder outside the repository
+    endif()
     set(VELMOUNT_PDB_SOURCE_PATH /velmount/${VELMOUNT_DEBUG_BUILD_DIR})
 endif()
 
