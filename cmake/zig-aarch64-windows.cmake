@@ -16,6 +16,13 @@ set(CMAKE_FIND_ROOT_PATH_MODE_LIBRARY ONLY)
 set(CMAKE_FIND_ROOT_PATH_MODE_INCLUDE ONLY)
 set(CMAKE_FIND_ROOT_PATH_MODE_PACKAGE ONLY)
 
+# zig compiles through temporary files whose names clang would keep in each object's CodeView build record, with
+# the rest of its command line: two builds of one commit would never give the same PDB.
+set(CMAKE_C_FLAGS_INIT "-gno-codeview-command-line")
+set(CMAKE_CXX_FLAGS_INIT "-gno-codeview-command-line")
+# Which linker driver cmake/Velmount.cmake gives the PDB and time stamp options to (lld-link, through the wrapper).
+set(VELMOUNT_LINKER zig)
+
 # zig links libc++ and the mingw CRT statically into every image; say it anyway for symmetry with win64.
 set(CMAKE_EXE_LINKER_FLAGS_INIT "-static")
 set(CMAKE_SHARED_LINKER_FLAGS_INIT "-static")

@@ -5,8 +5,24 @@ namespace TestSupport
 {
 namespace
 {
-// One answer per thread at a time: the hook procedure has no context argument.
-thread_local DialogAnswer::State* t_current = nullptr;
+// One answer per thread at a time: the hook procedure has no context argument. A slot of the system's thread
+// storage rather than thread_local: the x64 build emulates thread-locals as libstdc++ does, and clang's
+// CodeView record of an emulated thread-local names a symbol that no object defines.
+DWORD CurrentSlot()
+{
+    static const DWORD slot = TlsAlloc();
+    return slot;
+}
+
+DialogAnswer::State* Current()
+{
+    return static_cast<DialogAnswer::State*>(TlsGetValue(CurrentSlot()));
+}
+
+void SetCurrent(DialogAnswer::State* state)
+{
+    TlsSetValue(CurrentSlot(), state);
+}
 } // namespace
 
 struct DialogAnswer::State
@@ -50,15 +66,15 @@ namespace
 {
 LRESULT CALLBACK WatchShown(int code, WPARAM wParam, LPARAM lParam)
 {
-    if (code == HC_ACTION && t_current)
+    if (code == HC_ACTION && Current())
     {
         const CWPSTRUCT* message = reinterpret_cast<const CWPSTRUCT*>(lParam);
         WCHAR className[32] = {};
         if (message->message == WM_SHOWWINDOW && message->wParam &&
             GetClassNameW(message->hwnd, className, 32) && lstrcmpW(className, TEXT("#32770")) == 0)
         {
-            DialogAnswer::State* answer = t_current;
-            t_current = nullptr; // the next dialog is not ours to answer
+            DialogAnswer::State* answer = Current();
+            SetCurrent(nullptr); // the next dialog is not ours to answer
             answer->Answer(message->hwnd);
         }
     }
@@ -70,13 +86,13 @@ DialogAnswer::DialogAnswer(std::vector<UserStep> steps) : m_state(new State)
 {
     m_state->steps = std::move(steps);
     m_state->hook = SetWindowsHookExW(WH_CALLWNDPROC, WatchShown, nullptr, GetCurrentThreadId());
-    t_current = m_state;
+    SetCurrent(m_state);
 }
 
 DialogAnswer::~DialogAnswer()
 {
-    if (t_current == m_state)
-        t_current = nullptr;
+    if (Current() == m_state)
+        SetCurrent(nullptr);
     if (m_state->hook)
         UnhookWindowsHookEx(m_state->hook);
     delete m_state;
