@@ -76,6 +76,8 @@ ProcessCounters SampleProcessCounters()
     return counters;
 }
 
+const unsigned long LATE_HANDLE_ALLOWANCE = 0;
+
 std::string DescribeCounters(const ProcessCounters& counters)
 {
     char line[160];

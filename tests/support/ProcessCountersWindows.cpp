@@ -30,6 +30,8 @@ unsigned long ProbedHandles()
 }
 } // namespace
 
+const unsigned long LATE_HANDLE_ALLOWANCE = 1;
+
 unsigned long ProcessThreads()
 {
     unsigned long threads = 0;

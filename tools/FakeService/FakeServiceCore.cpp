@@ -24,6 +24,14 @@ FakeService::FakeService(const WCHAR* key, ServiceScript script, int sessions)
 FakeService::~FakeService()
 {
     Stop();
+#if defined(__GLIBCXX__) && defined(__GTHREAD_MUTEX_INIT)
+    // libstdc++ gives a statically initialised std::mutex a destructor that does nothing. Over winpthreads a
+    // mutex's first contention makes it an event (and a heap block), which only pthread_mutex_destroy gives
+    // back: without this, each service whose lock the client's waits ever met would leave an event behind,
+    // and a run that makes a service per operation could not tell the library's handles from its own. On
+    // glibc it frees nothing and costs nothing.
+    __gthread_mutex_destroy(m_lock.native_handle());
+#endif
 }
 
 HANDLE FakeService::NewInstance()
